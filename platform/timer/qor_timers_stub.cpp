@@ -1,0 +1,2 @@
+// Placeholder until the one-shot timers land.
+void qorTimerFireExpired() {}

@@ -1,0 +1,21 @@
+#!/usr/bin/env bash
+# test.sh [release|sanitize|all]: builds from nothing if needed and runs every test with ctest.
+# "all" (the default) runs the release suite, then the whole suite again under ASan and UBSan.
+set -euo pipefail
+top=$(cd "$(dirname "$0")/.." && pwd)
+what=${1:-all}
+run() {
+  local kind=$1
+  "$top/scripts/build.sh" "$kind"
+  echo "== ctest ($kind)"
+  if [ "$kind" = sanitize ]; then
+    export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1:strict_string_checks=1
+    export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+  fi
+  (cd "$top/build/$kind" && ctest --output-on-failure -j "$(nproc)" --timeout 600)
+}
+case "$what" in
+  release|sanitize) run "$what" ;;
+  all) run release; run sanitize ;;
+  *) echo "test.sh: unknown suite '$what' (release, sanitize, all)" >&2; exit 2 ;;
+esac
