@@ -21,8 +21,8 @@ uint64_t monotonicTicks() {
 }
 }  // namespace
 
-// Timers fire from qorClockAdvance; defined with the timers.
-void qorTimerFireExpired();
+// Defined with the timers: their background thread sleeps on whichever clock is in use.
+void qorTimerClockChanged();
 
 int sysClkRateGet() { return RTM_CLK_RATE; }
 uint64_t qorTickGet() { return g_manual ? g_manualTicks.load() : monotonicTicks(); }
@@ -43,6 +43,7 @@ uint32_t taskIdSelf() { return static_cast<uint32_t>(getpid()); }
 void qorClockUseManual(bool manual) {
   if (manual && !g_manual) g_manualTicks = monotonicTicks();
   g_manual = manual;
+  qorTimerClockChanged();
 }
 bool qorClockIsManual() { return g_manual; }
 void qorClockAdvance(uint64_t ticks) {

@@ -1,2 +1,0 @@
-// Placeholder until the one-shot timers land.
-void qorTimerFireExpired() {}

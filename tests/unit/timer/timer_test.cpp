@@ -1,0 +1,270 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <future>
+#include <vector>
+
+#include "rtm/rtm_wire.h"
+#include "timer/qor_timer.h"
+
+namespace {
+
+using Msg = std::vector<uint8_t>;
+
+struct Fired {
+  int count = 0;
+};
+void countCb(void *arg) { ++static_cast<Fired *>(arg)->count; }
+
+// Collects what the sink receives, as the timer queue would.
+void collect(void *ctx, const uint8_t *msg, uint32_t len) {
+  static_cast<std::vector<Msg> *>(ctx)->emplace_back(msg, msg + len);
+}
+
+class TimerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    qorTimerReset();
+    qorClockUseManual(true);
+  }
+  void TearDown() override {
+    qorTimerReset();
+    qorClockUseManual(false);
+  }
+};
+
+TEST_F(TimerTest, OneShotFiresOnceAtItsTick) {
+  Fired f;
+  vx2bsdTimer_t t = vx2bsdTimerCreate();
+  ASSERT_NE(t, 0u);
+  ASSERT_EQ(vx2bsdTimerStart(t, 3, countCb, &f, 0), 0);
+  qorClockAdvance(3 * sysClkRateGet() - 1);
+  EXPECT_EQ(f.count, 0);
+  EXPECT_TRUE(qorTimerIsArmed(t));
+  qorClockAdvance(1);
+  EXPECT_EQ(f.count, 1);
+  EXPECT_FALSE(qorTimerIsArmed(t));
+  qorClockAdvance(100 * sysClkRateGet());
+  taskDelay(100);
+  EXPECT_EQ(f.count, 1);
+}
+
+// Each row drives one timer through starts, cancels and clock steps and says how often the
+// callback has run after each step.
+TEST_F(TimerTest, StartCancelRearmDelete) {
+  enum Op { Start, Cancel, Delete, Advance };
+  struct Step {
+    Op op;
+    uint32_t n;  // seconds for Start, ticks for Advance
+    int fired;
+  };
+  struct Row {
+    const char *name;
+    std::vector<Step> steps;
+  };
+  const Row rows[] = {
+      {"cancelled before its deadline it never fires",
+       {{Start, 2, 0}, {Advance, 150, 0}, {Cancel, 0, 0}, {Advance, 1000, 0}}},
+      {"re-armed later it fires at the new deadline only",
+       {{Start, 3, 0}, {Advance, 200, 0}, {Start, 3, 0}, {Advance, 299, 0}, {Advance, 1, 1}, {Advance, 1000, 1}}},
+      {"re-armed sooner it fires once, at the sooner deadline",
+       {{Start, 10, 0}, {Advance, 100, 0}, {Start, 1, 0}, {Advance, 100, 1}, {Advance, 1000, 1}}},
+      {"started again after firing it fires again",
+       {{Start, 1, 0}, {Advance, 100, 1}, {Start, 1, 1}, {Advance, 100, 2}}},
+      {"zero seconds fires at the next step of the clock, not inside the start",
+       {{Start, 0, 0}, {Advance, 0, 1}}},
+      {"a cancelled timer can be started again",
+       {{Start, 1, 0}, {Cancel, 0, 0}, {Start, 1, 0}, {Advance, 100, 1}}},
+      {"a deleted timer never fires", {{Start, 1, 0}, {Delete, 0, 0}, {Advance, 1000, 0}}},
+  };
+  for (const Row &row : rows) {
+    SCOPED_TRACE(row.name);
+    Fired f;
+    vx2bsdTimer_t t = vx2bsdTimerCreate();
+    for (size_t i = 0; i < row.steps.size(); ++i) {
+      const Step &s = row.steps[i];
+      switch (s.op) {
+        case Start: ASSERT_EQ(vx2bsdTimerStart(t, s.n, countCb, &f, 0), 0); break;
+        case Cancel: ASSERT_EQ(vx2bsdTimerCancel(t), 0); break;
+        case Delete: ASSERT_EQ(vx2bsdTimerDelete(t), 0); break;
+        case Advance: qorClockAdvance(s.n); break;
+      }
+      EXPECT_EQ(f.count, s.fired) << "after step " << i;
+    }
+    vx2bsdTimerDelete(t);
+  }
+}
+
+TEST_F(TimerTest, UnknownOrDeletedHandlesAreRefused) {
+  Fired f;
+  vx2bsdTimer_t t = vx2bsdTimerCreate();
+  EXPECT_EQ(vx2bsdTimerStart(t, 1, nullptr, &f, 0), -1);
+  ASSERT_EQ(vx2bsdTimerDelete(t), 0);
+  EXPECT_EQ(vx2bsdTimerStart(t, 1, countCb, &f, 0), -1);
+  EXPECT_EQ(vx2bsdTimerCancel(t), -1);
+  EXPECT_EQ(vx2bsdTimerDelete(t), -1);
+  EXPECT_EQ(vx2bsdTimerStart(0, 1, countCb, &f, 0), -1);
+  EXPECT_NE(vx2bsdTimerCreate(), t) << "a handle is not given out twice";
+}
+
+// The TIC timer's habit: the callback restarts its own timer.
+TEST_F(TimerTest, CallbackMayRearmItsOwnTimer) {
+  struct Tic {
+    vx2bsdTimer_t t;
+    int runs = 0;
+  } tic;
+  tic.t = vx2bsdTimerCreate();
+  auto cb = [](void *p) {
+    auto *s = static_cast<Tic *>(p);
+    ++s->runs;
+    vx2bsdTimerStart(s->t, 30, +[](void *q) { ++static_cast<Tic *>(q)->runs; }, s, 0);
+  };
+  ASSERT_EQ(vx2bsdTimerStart(tic.t, 30, cb, &tic, 0), 0);
+  qorClockAdvance(30 * sysClkRateGet());
+  EXPECT_EQ(tic.runs, 1);
+  EXPECT_TRUE(qorTimerIsArmed(tic.t));
+  qorClockAdvance(30 * sysClkRateGet());
+  EXPECT_EQ(tic.runs, 2);
+}
+
+// Two timers due at the same step: the first one's callback cancels the second, which must
+// then stay silent although it had already been taken as due.
+TEST_F(TimerTest, CancelByAnEarlierCallbackOfTheSameStepHolds) {
+  struct Pair {
+    vx2bsdTimer_t second;
+    Fired secondFired;
+  } p;
+  vx2bsdTimer_t first = vx2bsdTimerCreate();
+  p.second = vx2bsdTimerCreate();
+  ASSERT_EQ(vx2bsdTimerStart(first, 1, [](void *a) { vx2bsdTimerCancel(static_cast<Pair *>(a)->second); }, &p, 0), 0);
+  ASSERT_EQ(vx2bsdTimerStart(p.second, 1, countCb, &p.secondFired, 0), 0);
+  qorClockAdvance(sysClkRateGet());
+  EXPECT_EQ(p.secondFired.count, 0);
+}
+
+TEST_F(TimerTest, ExpiryTravelsAsAMessageThroughTheSink) {
+  std::vector<Msg> queue;
+  qorTimerSetExpirySink(collect, &queue);
+  Fired f;
+  vx2bsdTimer_t t = vx2bsdTimerCreate();
+  ASSERT_EQ(vx2bsdTimerStart(t, 1, countCb, &f, 0), 0);
+  qorClockAdvance(sysClkRateGet());
+  ASSERT_EQ(queue.size(), 1u);
+  EXPECT_EQ(f.count, 0) << "with a sink the callback waits for its message";
+  EXPECT_TRUE(qorTimerIsArmed(t));
+
+  Msg &m = queue[0];
+  ASSERT_EQ(m.size(), QOR_TIMER_EXPIRY_LEN);
+  EXPECT_EQ(rtm::ld32(m.data(), IPC_OFF_MLEN), QOR_TIMER_EXPIRY_LEN);
+  EXPECT_EQ(rtm::ld32(m.data(), IPC_OFF_MTYPE), 0x07D7u);
+  for (size_t off = 0; off < IPC_HDR_LEN; off += 4)
+    if (off != IPC_OFF_MLEN && off != IPC_OFF_MTYPE) {
+      EXPECT_EQ(rtm::ld32(m.data(), off), 0u) << off;
+    }
+  EXPECT_EQ(rtm::ld32(m.data(), QOR_TIMER_OFF_HANDLE), t);
+  ASSERT_TRUE(qorTimerIsExpiryMsg(m.data(), m.size()));
+
+  // Received into a larger buffer, as the IPC layer does.
+  uint8_t buf[RTM_IPC_BUF_SIZE] = {};
+  std::memcpy(buf, m.data(), m.size());
+  EXPECT_EQ(qorTimerRunExpiry(buf, sizeof buf), 1);
+  EXPECT_EQ(f.count, 1);
+  EXPECT_FALSE(qorTimerIsArmed(t));
+  EXPECT_EQ(rtm::ld32(buf, IPC_OFF_MTYPE), 0x07D7u);
+  EXPECT_FALSE(qorTimerIsExpiryMsg(buf, sizeof buf)) << "a run expiry is spent";
+  EXPECT_EQ(qorTimerRunExpiry(buf, sizeof buf), -1);
+  // The same expiry delivered twice (a copy) must not run the callback again.
+  EXPECT_EQ(qorTimerRunExpiry(m.data(), m.size()), 0);
+  EXPECT_EQ(f.count, 1);
+}
+
+// An expiry already queued when its timer changes speaks for an arming that no longer exists.
+TEST_F(TimerTest, StaleExpiryDoesNothing) {
+  enum Change { Rearm, Cancel, Delete, CancelThenRestart };
+  for (Change c : {Rearm, Cancel, Delete, CancelThenRestart}) {
+    SCOPED_TRACE(c);
+    std::vector<Msg> queue;
+    qorTimerSetExpirySink(collect, &queue);
+    Fired f;
+    vx2bsdTimer_t t = vx2bsdTimerCreate();
+    ASSERT_EQ(vx2bsdTimerStart(t, 1, countCb, &f, 0), 0);
+    qorClockAdvance(sysClkRateGet());
+    ASSERT_EQ(queue.size(), 1u);
+    switch (c) {
+      case Rearm: vx2bsdTimerStart(t, 2, countCb, &f, 0); break;
+      case Cancel: vx2bsdTimerCancel(t); break;
+      case Delete: vx2bsdTimerDelete(t); break;
+      case CancelThenRestart:
+        vx2bsdTimerCancel(t);
+        vx2bsdTimerStart(t, 2, countCb, &f, 0);
+        break;
+    }
+    EXPECT_EQ(qorTimerRunExpiry(queue[0].data(), queue[0].size()), 0);
+    EXPECT_EQ(f.count, 0);
+    if (c == Rearm || c == CancelThenRestart) {
+      EXPECT_TRUE(qorTimerIsArmed(t));
+      qorClockAdvance(2 * sysClkRateGet());
+      ASSERT_EQ(queue.size(), 2u);
+      EXPECT_EQ(qorTimerRunExpiry(queue[1].data(), queue[1].size()), 1);
+      EXPECT_EQ(f.count, 1);
+    }
+    vx2bsdTimerDelete(t);
+  }
+}
+
+TEST_F(TimerTest, OnlyWellFormedExpiriesAreAccepted) {
+  uint8_t good[QOR_TIMER_EXPIRY_LEN];
+  {
+    std::vector<Msg> queue;
+    qorTimerSetExpirySink(collect, &queue);
+    Fired f;
+    vx2bsdTimer_t t = vx2bsdTimerCreate();
+    vx2bsdTimerStart(t, 0, countCb, &f, 0);
+    qorClockAdvance(0);
+    ASSERT_EQ(queue.size(), 1u);
+    std::memcpy(good, queue[0].data(), sizeof good);
+  }
+  struct Row {
+    const char *name;
+    size_t len;
+    size_t off;  // a field overwritten with `value`, or SIZE_MAX for none
+    uint32_t value;
+  };
+  const Row rows[] = {
+      {"shorter than the record", QOR_TIMER_EXPIRY_LEN - 1, SIZE_MAX, 0},
+      {"header only", IPC_HDR_LEN, SIZE_MAX, 0},
+      {"another message type", QOR_TIMER_EXPIRY_LEN, IPC_OFF_MTYPE, 0x320D},
+      {"mlen says otherwise", QOR_TIMER_EXPIRY_LEN, IPC_OFF_MLEN, 60},
+      {"a plain MT_RTM_IGNORED without the marker", QOR_TIMER_EXPIRY_LEN, QOR_TIMER_OFF_MAGIC, 0},
+  };
+  for (const Row &r : rows) {
+    SCOPED_TRACE(r.name);
+    Msg m(good, good + r.len);
+    if (r.off != SIZE_MAX) rtm::st32(m.data(), r.off, r.value);
+    Msg before = m;
+    EXPECT_FALSE(qorTimerIsExpiryMsg(m.data(), m.size()));
+    EXPECT_EQ(qorTimerRunExpiry(m.data(), m.size()), -1);
+    EXPECT_EQ(m, before) << "a refused message is left as it was";
+  }
+  EXPECT_FALSE(qorTimerIsExpiryMsg(nullptr, QOR_TIMER_EXPIRY_LEN));
+  EXPECT_TRUE(qorTimerIsExpiryMsg(good, sizeof good));
+}
+
+// On the real clock the background thread fires. A zero-second timer is due at once, so the
+// test only waits for the message; it does not measure anything.
+TEST_F(TimerTest, RealClockDeliversThroughTheBackgroundThread) {
+  qorClockUseManual(false);
+  std::promise<Msg> got;
+  qorTimerSetExpirySink([](void *ctx, const uint8_t *msg, uint32_t len) {
+    static_cast<std::promise<Msg> *>(ctx)->set_value(Msg(msg, msg + len));
+  }, &got);
+  Fired f;
+  vx2bsdTimer_t t = vx2bsdTimerCreate();
+  ASSERT_EQ(vx2bsdTimerStart(t, 0, countCb, &f, 0), 0);
+  Msg m = got.get_future().get();
+  qorTimerSetExpirySink(nullptr, nullptr);
+  EXPECT_EQ(qorTimerRunExpiry(m.data(), m.size()), 1);
+  EXPECT_EQ(f.count, 1);
+}
+
+}  // namespace
