@@ -1,0 +1,374 @@
+// Route-update messages on the wire: golden bytes, decoding, and refusal of truncated or
+// inflated messages without reading past the received bytes (the buffers below are exactly
+// as long as the message, so a sanitizer build catches any over-read).
+#include <gtest/gtest.h>
+
+#include <cctype>
+#include <cstring>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "rtm/rtm_msgs.h"
+#include "rtm/rtm_types.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+// Hex with free spacing; "00*124" repeats a byte; "#" starts a comment to the end of the line.
+Bytes hex(const std::string &text) {
+  Bytes out;
+  auto nib = [](char c) { return std::isdigit(uint8_t(c)) ? c - '0' : std::tolower(c) - 'a' + 10; };
+  size_t i = 0;
+  while (i < text.size()) {
+    const char c = text[i];
+    if (std::isspace(uint8_t(c))) {
+      i++;
+    } else if (c == '#') {
+      i = text.find('\n', i);
+      if (i == std::string::npos) break;
+    } else {
+      const uint8_t b = uint8_t(nib(text[i]) << 4 | nib(text[i + 1]));
+      i += 2;
+      size_t n = 1;
+      if (i < text.size() && text[i] == '*') {
+        size_t used = 0;
+        n = std::stoul(text.substr(i + 1), &used);
+        i += 1 + used;
+      }
+      out.insert(out.end(), n, b);
+    }
+  }
+  return out;
+}
+
+struct Nh {
+  Bytes addr;
+  uint32_t ifindex, vrfId, weight;
+  bool operator==(const Nh &) const = default;
+};
+struct Route {
+  uint32_t subCmd;
+  uint16_t pref, subpref;
+  uint32_t vrfId, proto, subtype;
+  int32_t metric;
+  uint32_t tag, flags;
+  uint8_t plen;
+  Bytes gateway;
+  uint32_t srcVrf;
+  Bytes prefix;
+  std::vector<Nh> nhs;
+  Bytes tlv;
+  bool operator==(const Route &) const = default;
+};
+
+// One encoder for both families: every family-dependent place comes from the accessors.
+Bytes encode(uint32_t cid, uint8_t af, const std::vector<Route> &routes) {
+  Bytes buf(RTM_IPC_BUF_SIZE);
+  EXPECT_EQ(RTM_WIRE_OK, rtmRouteMsgInit(buf.data(), buf.size(), MT_RTM_UPD_ROUTE, cid, af));
+  for (const Route &r : routes) {
+    uint8_t *rtp = rtmRouteMsgAddElem(buf.data(), buf.size(), r.subCmd, uint16_t(r.nhs.size()),
+                                      uint16_t(r.tlv.size()));
+    EXPECT_NE(nullptr, rtp);
+    if (!rtp) break;
+    rtpSetPref(rtp, r.pref);
+    rtpSetSubPref(rtp, r.subpref);
+    rtpSetVrfId(rtp, r.vrfId);
+    rtpSetProto(rtp, r.proto);
+    rtpSetSubtype(rtp, r.subtype);
+    rtpSetMetric(rtp, r.metric);
+    rtpSetTag(rtp, r.tag);
+    rtpSetFlags(rtp, r.flags);
+    rtpSetPrefixLen(rtp, r.plen);
+    std::memcpy(rtpGateway(rtp, af), r.gateway.data(), r.gateway.size());
+    rtpSetSrcVrf(rtp, af, r.srcVrf);
+    std::memcpy(rtpPrefix(rtp, af), r.prefix.data(), r.prefix.size());
+    for (unsigned i = 0; i < r.nhs.size(); i++) {
+      uint8_t *nh = rtpNh(rtp, af, i);
+      std::memcpy(nh, r.nhs[i].addr.data(), r.nhs[i].addr.size());
+      rtpnhSetIfindex(nh, af, r.nhs[i].ifindex);
+      rtpnhSetVrfId(nh, af, r.nhs[i].vrfId);
+      rtpnhSetWeight(nh, af, r.nhs[i].weight);
+    }
+    if (!r.tlv.empty())
+      std::memcpy(rtpTlv(rtp, af, uint16_t(r.nhs.size())), r.tlv.data(), r.tlv.size());
+  }
+  buf.resize(rtm::ld32(buf.data(), IPC_OFF_MLEN));
+  return buf;
+}
+
+Route decodeElem(uint8_t af, const rtm_route_celem &el) {
+  const unsigned alen = rtmAfAddrLen(af);
+  const uint8_t *rtp = el.rtp;
+  Route r{};
+  r.subCmd = el.subCmd;
+  r.pref = rtpGetPref(rtp);
+  r.subpref = rtpGetSubPref(rtp);
+  r.vrfId = rtpGetVrfId(rtp);
+  r.proto = rtpGetProto(rtp);
+  r.subtype = rtpGetSubtype(rtp);
+  r.metric = rtpGetMetric(rtp);
+  r.tag = rtpGetTag(rtp);
+  r.flags = rtpGetFlags(rtp);
+  r.plen = rtpGetPrefixLen(rtp);
+  r.gateway.assign(rtpGateway(rtp, af), rtpGateway(rtp, af) + alen);
+  r.srcVrf = rtpGetSrcVrf(rtp, af);
+  r.prefix.assign(rtpPrefix(rtp, af), rtpPrefix(rtp, af) + alen);
+  for (unsigned i = 0; i < el.nnh; i++) {
+    const uint8_t *nh = rtpNh(rtp, af, i);
+    r.nhs.push_back({Bytes(nh, nh + alen), rtpnhGetIfindex(nh, af), rtpnhGetVrfId(nh, af),
+                     rtpnhGetWeight(nh, af)});
+  }
+  r.tlv.assign(el.tlv, el.tlv + el.tlvlen);
+  return r;
+}
+
+const std::vector<Route> kV4Routes = {
+    {RTM_UPD_ADD, 110, 0, 0, RTM_PROTO_OSPF, RT_OSPF_E1, 20, 0x1234, 0, 24, hex("0a000001"), 0,
+     hex("c0a80100"), {{hex("0a000001"), 0x01000001, 0, 0}}, {}},
+    {RTM_UPD_ADD, 20, 0, 3, RTM_PROTO_BGP, RT_BGP_EXTERNAL, -1, 0, RTP_FLAG_WECMP, 32,
+     hex("00000000"), 3, hex("cb007107"),
+     {{hex("c6336401"), 0, 3, 10}, {hex("c6336402"), 0, 3, 30}}, hex("0104deadbeef")},
+};
+const std::vector<Route> kV6Routes = {
+    {RTM_UPD_DEL, 1, 0, 1, RTM_PROTO_STATIC, 0, 0, 0, RTP_FLAG_LEAKED, 64,
+     hex("20010db8 00000000 00000000 00000001"), 5, hex("20010db8 00000001 00000000 00000000"),
+     {{hex("fe800000 00000000 00000000 00000001"), 0x02000002, 0, 0}}, hex("aabbcc")},
+};
+
+const Bytes kV4Golden = hex(R"(
+  00*8 00000152 00003204                 # reserved, mlen 338, mtype
+  00*124                                 # rest of IPC header, SWP header, client area
+  00000007 00000002 00 00 0000           # cid 7, count 2, afIndex 0
+  00000001                               # add
+    006e 0000 00000000 00000004 00000000 # pref 110, subpref, vrf 0, OSPF, reserved
+    00000006 00000014 00001234 00000000  # E1, metric 20, tag, reserved
+    0001 0000 00000000 0000 00 18        # nnh 1, flags, tlvlen 0, af 0, /24
+    0a000001 00000000 c0a80100           # gateway, srcVrf, prefix
+    0a000001 01000001 00000000 00000000 00000000
+  00000001
+    0014 0000 00000003 00000007 00000000 # pref 20, vrf 3, BGP
+    0000000d ffffffff 00000000 00000000  # external, metric -1
+    0002 0000 00800000 0006 00 20        # nnh 2, weighted, tlvlen 6, /32
+    00000000 00000003 cb007107
+    c6336401 00000000 00000003 00000000 0000000a
+    c6336402 00000000 00000003 00000000 0000001e
+    0104deadbeef
+)");
+
+const Bytes kV6Golden = hex(R"(
+  00*8 0000010b 00003204
+  00*124
+  00000009 00000001 00 02 0000           # cid 9, count 1, afIndex 2
+  00000002                               # delete
+    0001 0000 00000001 00000003 00000000
+    00000000 00000000 00000000 00000000
+    0001 0000 01000000 0003 02 40        # nnh 1, leaked, tlvlen 3, af 2, /64
+    20010db8 00000000 00000000 00000001  # gateway
+    00000005                             # srcVrf
+    20010db8 00000001 00000000 00000000  # prefix
+    fe800000 00000000 00000000 00000001 02000002 00000000 00000000
+    aabbcc
+)");
+
+struct Golden {
+  const char *name;
+  uint32_t cid;
+  uint8_t af;
+  const std::vector<Route> *routes;
+  const Bytes *bytes;
+};
+const Golden kGolden[] = {
+    {"ipv4", 7, RTM_IPV4UNI_AFINDEX, &kV4Routes, &kV4Golden},
+    {"ipv6", 9, RTM_IPV6UNI_AFINDEX, &kV6Routes, &kV6Golden},
+};
+
+// Copies bytes into an allocation of exactly n bytes, so that reading byte n is an error the
+// sanitizer reports.
+std::unique_ptr<uint8_t[]> exact(const Bytes &b, size_t n) {
+  std::unique_ptr<uint8_t[]> p(new uint8_t[n]);
+  if (n) std::memcpy(p.get(), b.data(), n);
+  return p;
+}
+
+struct Walk {
+  int rc;
+  std::vector<rtm_route_celem> elems;
+};
+Walk walk(const uint8_t *msg, size_t len) {
+  Walk w{};
+  rtm_route_citer it;
+  rtm_route_celem el;
+  w.rc = rtmRouteIterInit(&it, msg, len);
+  while (w.rc == RTM_WIRE_OK && (w.rc = rtmRouteIterNext(&it, &el)) == RTM_WIRE_OK)
+    w.elems.push_back(el);
+  if (w.rc == RTM_WIRE_END) w.rc = RTM_WIRE_OK;
+  return w;
+}
+
+TEST(RouteMsg, EncodesGoldenBytesAndDecodesBack) {
+  for (const Golden &g : kGolden) {
+    SCOPED_TRACE(g.name);
+    EXPECT_EQ(*g.bytes, encode(g.cid, g.af, *g.routes));
+
+    auto buf = exact(*g.bytes, g.bytes->size());
+    rtm_route_citer it;
+    ASSERT_EQ(RTM_WIRE_OK, rtmRouteIterInit(&it, buf.get(), g.bytes->size()));
+    EXPECT_EQ(g.cid, it.cid);
+    EXPECT_EQ(g.af, it.afIndex);
+    EXPECT_EQ(g.routes->size(), it.count);
+    rtm_route_celem el;
+    size_t off = RTM_UPD_OFF_ELEMS;
+    for (const Route &want : *g.routes) {
+      ASSERT_EQ(RTM_WIRE_OK, rtmRouteIterNext(&it, &el));
+      EXPECT_EQ(off, el.offset);
+      EXPECT_EQ(rtmRouteElemSize(g.af, el.nnh, el.tlvlen), el.size);
+      EXPECT_EQ(g.af, rtpGetAfIndex(el.rtp));
+      EXPECT_EQ(want, decodeElem(g.af, el));
+      off += el.size;
+    }
+    EXPECT_EQ(RTM_WIRE_END, rtmRouteIterNext(&it, &el));
+    EXPECT_EQ(g.bytes->size(), off);
+  }
+}
+
+// Which error a message cut at `cut` bytes must give, from the element boundaries.
+int expectedCutError(const Golden &g, size_t cut, uint32_t *elemIndex) {
+  *elemIndex = 0;
+  if (cut < RTM_UPD_OFF_ELEMS) return RTM_WIRE_ESHORT;
+  size_t start = RTM_UPD_OFF_ELEMS;
+  for (const Route &r : *g.routes) {
+    const size_t fixed = rtmRouteElemFixedSize(g.af);
+    const size_t nhEnd = fixed + rtmRouteElemNhSize(g.af) * r.nhs.size();
+    const size_t end = nhEnd + r.tlv.size();
+    if (cut < start + end) {
+      const size_t rel = cut - start;
+      return rel < fixed ? RTM_WIRE_EFIXED : rel < nhEnd ? RTM_WIRE_ENH : RTM_WIRE_ETLV;
+    }
+    start += end;
+    ++*elemIndex;
+  }
+  return RTM_WIRE_OK;
+}
+
+TEST(RouteMsg, EveryTruncationIsRefusedAtTheRightElement) {
+  for (const Golden &g : kGolden) {
+    for (size_t cut = 0; cut <= g.bytes->size(); cut++) {
+      SCOPED_TRACE(std::string(g.name) + " cut at " + std::to_string(cut));
+      uint32_t wantIndex;
+      const int want = expectedCutError(g, cut, &wantIndex);
+      auto buf = exact(*g.bytes, cut);
+      Walk w = walk(buf.get(), cut);
+      EXPECT_EQ(want, w.rc) << rtmWireErrStr(w.rc);
+      if (want != RTM_WIRE_ESHORT) {
+        EXPECT_EQ(wantIndex, w.elems.size());
+      }
+      for (const auto &el : w.elems) EXPECT_LE(el.offset + el.size, cut);
+
+      uint32_t bad = 99;
+      EXPECT_EQ(want, rtmRouteMsgCheck(buf.get(), cut, &bad));
+      if (want != RTM_WIRE_OK && want != RTM_WIRE_ESHORT) {
+        EXPECT_EQ(wantIndex, bad);
+      }
+    }
+  }
+}
+
+// Counts and lengths that claim more than was received. Offsets are into the golden messages.
+TEST(RouteMsg, InflatedCountsAndLengthsAreRefused) {
+  constexpr size_t kE1 = RTM_UPD_OFF_ELEMS, kE2 = RTM_UPD_OFF_ELEMS + 80;
+  constexpr size_t kNnh = RTM_RTE_OFF_RTP + RTP_OFF_NNH, kTlv = RTM_RTE_OFF_RTP + RTP_OFF_TLVLEN;
+  struct Case {
+    const char *what;
+    const Bytes *base;
+    size_t off;
+    int width;  // 1, 2 or 4 bytes
+    uint32_t value;
+    int want;
+    size_t goodElems;
+  };
+  const Case cases[] = {
+      {"count one too many", &kV4Golden, RTM_UPD_OFF_COUNT, 4, 3, RTM_WIRE_EFIXED, 2},
+      {"count huge", &kV4Golden, RTM_UPD_OFF_COUNT, 4, 0xFFFFFFFF, RTM_WIRE_EFIXED, 2},
+      {"count zero", &kV4Golden, RTM_UPD_OFF_COUNT, 4, 0, RTM_WIRE_OK, 0},
+      {"count one, trailing bytes", &kV4Golden, RTM_UPD_OFF_COUNT, 4, 1, RTM_WIRE_OK, 1},
+      {"first nnh huge", &kV4Golden, kE1 + kNnh, 2, 0xFFFF, RTM_WIRE_ENH, 0},
+      {"last nnh one too many", &kV4Golden, kE2 + kNnh, 2, 3, RTM_WIRE_ENH, 1},
+      {"last tlvlen one too many", &kV4Golden, kE2 + kTlv, 2, 7, RTM_WIRE_ETLV, 1},
+      {"last tlvlen huge", &kV4Golden, kE2 + kTlv, 2, 0xFFFF, RTM_WIRE_ETLV, 1},
+      {"afIndex 4", &kV4Golden, RTM_UPD_OFF_AFINDEX, 1, 4, RTM_WIRE_EAF, 0},
+      {"afIndex 255", &kV4Golden, RTM_UPD_OFF_AFINDEX, 1, 255, RTM_WIRE_EAF, 0},
+      // IPv4 records read with the IPv6 layout: the wider element leaves too little for the second.
+      {"afIndex 2 on IPv4 records", &kV4Golden, RTM_UPD_OFF_AFINDEX, 1, 2, RTM_WIRE_EFIXED, 1},
+      {"afIndex 1 reads as IPv4", &kV4Golden, RTM_UPD_OFF_AFINDEX, 1, 1, RTM_WIRE_OK, 2},
+      {"IPv6 nnh two", &kV6Golden, kE1 + kNnh, 2, 2, RTM_WIRE_ENH, 0},
+      {"IPv6 tlvlen four", &kV6Golden, kE1 + kTlv, 2, 4, RTM_WIRE_ETLV, 0},
+      {"IPv6 afIndex 3 reads as IPv6", &kV6Golden, RTM_UPD_OFF_AFINDEX, 1, 3, RTM_WIRE_OK, 1},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.what);
+    Bytes m = *c.base;
+    if (c.width == 1) rtm::st8(m.data(), c.off, uint8_t(c.value));
+    if (c.width == 2) rtm::st16(m.data(), c.off, uint16_t(c.value));
+    if (c.width == 4) rtm::st32(m.data(), c.off, c.value);
+    auto buf = exact(m, m.size());
+    Walk w = walk(buf.get(), m.size());
+    EXPECT_EQ(c.want, w.rc) << rtmWireErrStr(w.rc);
+    EXPECT_EQ(c.goodElems, w.elems.size());
+  }
+}
+
+// Random damage to the header and element fields must never lead the walk outside the message.
+TEST(RouteMsg, RandomDamageStaysInsideTheBuffer) {
+  std::mt19937 rng(20240601);
+  for (int round = 0; round < 3000; round++) {
+    const Bytes &base = (round & 1) ? kV6Golden : kV4Golden;
+    Bytes m = base;
+    const int hits = 1 + int(rng() % 4);
+    for (int h = 0; h < hits; h++) m[RTM_UPD_OFF_COUNT + rng() % (m.size() - RTM_UPD_OFF_COUNT)] = uint8_t(rng());
+    const size_t len = m.size() - rng() % 16;
+    auto buf = exact(m, len);
+    Walk w = walk(buf.get(), len);
+    size_t end = RTM_UPD_OFF_ELEMS;
+    for (const auto &el : w.elems) {
+      ASSERT_EQ(end, el.offset);
+      end += el.size;
+      ASSERT_LE(end, len);
+    }
+  }
+}
+
+TEST(RouteMsg, ElementSizes) {
+  struct Case {
+    unsigned af, nnh, tlvlen;
+    size_t want;
+  };
+  const Case cases[] = {
+      {0, 1, 0, 80},    {1, 2, 5, 105},    {2, 1, 0, 112},  {3, 2, 1, 141},
+      {0, 64, 0, 1340}, {2, 64, 0, 1876},  {0, 0, 0, 60},   {2, 0, 0, 84},
+      // Above 3: IPv4 next hops behind a 596-byte fixed part.
+      {4, 0, 0, 596},   {4, 1, 0, 616},    {255, 2, 3, 639},
+  };
+  for (const Case &c : cases)
+    EXPECT_EQ(c.want, rtmRouteElemSize(c.af, c.nnh, c.tlvlen)) << c.af << "/" << c.nnh << "/" << c.tlvlen;
+}
+
+TEST(RouteMsg, BuilderRefusesWhatDoesNotFit) {
+  const size_t need = RTM_UPD_OFF_ELEMS + rtmRouteElemSize(0, 1, 0);
+  Bytes buf(need);
+  ASSERT_EQ(RTM_WIRE_OK, rtmRouteMsgInit(buf.data(), need, MT_RTM_UPD_ROUTE, 1, 0));
+  EXPECT_EQ(nullptr, rtmRouteMsgAddElem(buf.data(), need - 1, RTM_UPD_ADD, 1, 0));
+  EXPECT_EQ(0u, rtm::ld32(buf.data(), RTM_UPD_OFF_COUNT));
+  EXPECT_EQ(RTM_UPD_OFF_ELEMS, rtm::ld32(buf.data(), IPC_OFF_MLEN));
+  EXPECT_NE(nullptr, rtmRouteMsgAddElem(buf.data(), need, RTM_UPD_ADD, 1, 0));
+  EXPECT_EQ(nullptr, rtmRouteMsgAddElem(buf.data(), need, RTM_UPD_ADD, 0, 0));
+  EXPECT_EQ(1u, rtm::ld32(buf.data(), RTM_UPD_OFF_COUNT));
+  EXPECT_EQ(need, rtm::ld32(buf.data(), IPC_OFF_MLEN));
+
+  EXPECT_EQ(RTM_WIRE_ENOSPACE, rtmRouteMsgInit(buf.data(), RTM_UPD_OFF_ELEMS - 1, MT_RTM_UPD_ROUTE, 1, 0));
+  EXPECT_EQ(RTM_WIRE_EAF, rtmRouteMsgInit(buf.data(), need, MT_RTM_UPD_ROUTE, 1, 4));
+}
+
+}  // namespace
