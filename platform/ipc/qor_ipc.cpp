@@ -35,13 +35,6 @@
 #include "rtm/rtm_wire.h"
 #include "timer/qor_timer.h"
 
-// Timer expiries are handed to us by the timer library. Weak, so that this library links
-// whether or not the timer library in the same program provides them.
-using QorTimerSink = void (*)(void *ctx, const uint8_t *msg, uint32_t len);
-void qorTimerSetExpirySink(QorTimerSink sink, void *ctx) __attribute__((weak));
-bool qorTimerIsExpiryMsg(const uint8_t *msg, size_t len) __attribute__((weak));
-int qorTimerRunExpiry(uint8_t *msg, size_t len) __attribute__((weak));
-
 namespace {
 
 constexpr int kMaxKeys = 64;
@@ -297,9 +290,7 @@ bool closeKeyLocked(Registry &r, int key, std::vector<QueueP> &out) {
   return true;
 }
 
-void unhookTimerSink() {
-  if (qorTimerSetExpirySink) qorTimerSetExpirySink(nullptr, nullptr);
-}
+void unhookTimerSink() { qorTimerSetExpirySink(nullptr, nullptr); }
 
 }  // namespace
 
@@ -358,8 +349,7 @@ int qorIpcTmrOpen(uint32_t svce, uint32_t inst) {
     errno = ENOENT;
     return -1;
   }
-  if (qorTimerSetExpirySink)
-    qorTimerSetExpirySink(timerSink, reinterpret_cast<void *>(static_cast<intptr_t>(found)));
+  qorTimerSetExpirySink(timerSink, reinterpret_cast<void *>(static_cast<intptr_t>(found)));
   return 0;
 }
 
@@ -509,7 +499,7 @@ int qorIpcRecv(int queue, void *buf, uint32_t size, int mode, int timeoutMs, int
   }
   // An expiry runs its callback here, on the receiving thread, before the dispatcher sees
   // the message (rewritten by the timer library to a type the dispatcher ignores).
-  if (n > 0 && q->kind == QOR_IPC_QUEUE_TMR && qorTimerIsExpiryMsg && qorTimerRunExpiry &&
+  if (n > 0 && q->kind == QOR_IPC_QUEUE_TMR &&
       qorTimerIsExpiryMsg(static_cast<const uint8_t *>(buf), static_cast<size_t>(n)))
     qorTimerRunExpiry(static_cast<uint8_t *>(buf), static_cast<size_t>(n));
   return n;

@@ -13,6 +13,7 @@
 #include "ipc/qor_ipc.h"
 #include "ipc_test_util.h"
 #include "log/qor_log.h"
+#include "timer/qor_timer.h"
 
 using ipctest::makeMsg;
 using ipctest::RunDir;
@@ -380,6 +381,46 @@ TEST_F(IpcTest, SendAndWaitFailsAtOnceForAMissingTargetAndAfterRetriesForASilent
   EXPECT_EQ(qorIpcSendWaitWithRetry(a, silent.data(), reply.data(), 64, 256, 2, 1, 5, 0), -1);
   EXPECT_EQ(errno, 60);
   EXPECT_EQ(qorIpcGetNumMsgs(Key_getReqQueue(b)), 3);  // the first attempt and two retries
+}
+
+TEST_F(IpcTest, TimerExpiriesArriveOnTheTimerQueueAndRunTheirCallbackThere) {
+  qorClockUseManual(true);
+  int key = qorIpcOpen(76, 0);
+  ASSERT_GT(key, 0);
+  ASSERT_EQ(qorIpcTmrOpen(76, 0), 0);
+  int tq = Key_getTmrQueue(key);
+  int fd = Key_getSocketFd(tq);
+
+  // More expiries at once than the kernel would queue for one socket; one of them is
+  // cancelled after it fired, so its message arrives but must not run the callback.
+  static std::atomic<int> runs;
+  runs = 0;
+  constexpr int kTimers = 30;
+  std::vector<vx2bsdTimer_t> timers;
+  for (int i = 0; i < kTimers; ++i) {
+    timers.push_back(vx2bsdTimerCreate());
+    ASSERT_EQ(vx2bsdTimerStart(timers.back(), 2, [](void *) { ++runs; }, nullptr, 0), 0);
+  }
+  EXPECT_FALSE(readable(fd));
+  qorClockAdvance(2 * sysClkRateGet());
+  EXPECT_EQ(runs.load(), 0);  // nothing runs on the firing thread
+  vx2bsdTimerCancel(timers[0]);
+  ASSERT_TRUE(readable(fd));
+  EXPECT_EQ(qorIpcGetNumMsgs(tq), kTimers);
+
+  uint8_t buf[256];
+  for (int i = 0; i < kTimers; ++i) {
+    ASSERT_EQ(qorIpcRecv(tq, buf, sizeof buf, QOR_IPC_NOWAIT, 0, 0),
+              static_cast<int>(QOR_TIMER_EXPIRY_LEN));
+    EXPECT_EQ(rtm::ld32(buf, IPC_OFF_MTYPE), 0x07D7u);  // the dispatcher drops it
+    EXPECT_FALSE(qorTimerIsExpiryMsg(buf, QOR_TIMER_EXPIRY_LEN));
+  }
+  EXPECT_EQ(runs.load(), kTimers - 1);
+  EXPECT_FALSE(readable(fd));
+
+  qorIpcClose(key);
+  qorTimerReset();
+  qorClockUseManual(false);
 }
 
 }  // namespace
