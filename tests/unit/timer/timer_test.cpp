@@ -180,8 +180,9 @@ TEST_F(TimerTest, ExpiryTravelsAsAMessageThroughTheSink) {
 
 // An expiry already queued when its timer changes speaks for an arming that no longer exists.
 TEST_F(TimerTest, StaleExpiryDoesNothing) {
-  enum Change { Rearm, Cancel, Delete, CancelThenRestart };
-  for (Change c : {Rearm, Cancel, Delete, CancelThenRestart}) {
+  // RearmFiredAgain: the new arming has expired too before the first message is read.
+  enum Change { Rearm, Cancel, Delete, CancelThenRestart, RearmFiredAgain };
+  for (Change c : {Rearm, Cancel, Delete, CancelThenRestart, RearmFiredAgain}) {
     SCOPED_TRACE(c);
     std::vector<Msg> queue;
     qorTimerSetExpirySink(collect, &queue);
@@ -198,12 +199,17 @@ TEST_F(TimerTest, StaleExpiryDoesNothing) {
         vx2bsdTimerCancel(t);
         vx2bsdTimerStart(t, 2, countCb, &f, 0);
         break;
+      case RearmFiredAgain:
+        vx2bsdTimerStart(t, 2, countCb, &f, 0);
+        qorClockAdvance(2 * sysClkRateGet());
+        ASSERT_EQ(queue.size(), 2u);
+        break;
     }
     EXPECT_EQ(qorTimerRunExpiry(queue[0].data(), queue[0].size()), 0);
     EXPECT_EQ(f.count, 0);
-    if (c == Rearm || c == CancelThenRestart) {
+    if (c == Rearm || c == CancelThenRestart || c == RearmFiredAgain) {
       EXPECT_TRUE(qorTimerIsArmed(t));
-      qorClockAdvance(2 * sysClkRateGet());
+      if (c != RearmFiredAgain) qorClockAdvance(2 * sysClkRateGet());
       ASSERT_EQ(queue.size(), 2u);
       EXPECT_EQ(qorTimerRunExpiry(queue[1].data(), queue[1].size()), 1);
       EXPECT_EQ(f.count, 1);
