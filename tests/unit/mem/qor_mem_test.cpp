@@ -1,0 +1,275 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <map>
+#include <random>
+#include <set>
+
+#include "log/qor_log.h"
+#include "mem/qor_mem.h"
+
+namespace {
+
+constexpr uint32_t kFirst = 0x70000, kLast = 0x7000F;
+
+class QorMemTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    qorMemReset();
+    ASSERT_EQ(qor_memPartFixedInit(kFirst, kLast, &part), 0);
+  }
+  void TearDown() override { qorMemReset(); }
+  QorMemPoolStats stats(uint32_t number) {
+    QorMemPoolStats s;
+    EXPECT_EQ(qorMemPoolStatsGet(number, &s), 0);
+    return s;
+  }
+  QOR_MEM_PART_ID part = 0;
+};
+
+TEST_F(QorMemTest, PoolCreationIsRefusedOutsideItsPartitionOrTwice) {
+  struct Case {
+    const char *what;
+    uint32_t number;
+    QOR_MEM_PART_ID part;
+    uint32_t size;
+    int rc;
+  } cases[] = {
+      {"first number", kFirst, kFirst, 100, 0},
+      {"same number again", kFirst, kFirst, 100, QOR_MEM_ERR},
+      {"last number", kLast, kFirst, 8192, 0},
+      {"beyond the partition", kLast + 1, kFirst, 100, QOR_MEM_ERR},
+      {"unknown partition id", kFirst + 1, kFirst + 1, 100, QOR_MEM_ERR},
+      {"zero block size", kFirst + 2, kFirst, 0, QOR_MEM_ERR},
+      {"block larger than a chunk", kFirst + 3, kFirst, uint32_t(QOR_MEM_CHUNK_SIZE), QOR_MEM_ERR},
+  };
+  for (const Case &c : cases)
+    EXPECT_EQ(qorMC_M_memPoolCreate("p", c.number, c.part, c.size), c.rc) << c.what;
+  QOR_MEM_PART_ID other;
+  EXPECT_EQ(qor_memPartFixedInit(kLast, kLast + 4, &other), QOR_MEM_ERR) << "overlapping partition";
+  EXPECT_EQ(qor_memPartFixedInit(kLast + 1, kLast + 4, &other), 0);
+  EXPECT_EQ(other, kLast + 1);
+}
+
+TEST_F(QorMemTest, BlocksAreDistinctAlignedAndCountedAcrossChunks) {
+  ASSERT_EQ(qorMC_M_memPoolCreate("heads", kFirst, part, 100), 0);
+  // Enough blocks to need several chunks.
+  const size_t n = 3 * QOR_MEM_CHUNK_SIZE / 100;
+  std::vector<uint8_t *> blocks;
+  for (size_t i = 0; i < n; ++i) {
+    auto *b = static_cast<uint8_t *>(qorMC_M_memBlockAlloc(kFirst, 100, 0, __FILE__, __LINE__));
+    ASSERT_NE(b, nullptr);
+    ASSERT_EQ(reinterpret_cast<uintptr_t>(b) % 8, 0u);
+    memset(b, int(i & 0xFF), 100);
+    blocks.push_back(b);
+  }
+  // Every block still holds its own pattern: none overlaps another.
+  for (size_t i = 0; i < n; ++i)
+    for (size_t j : {size_t(0), size_t(50), size_t(99)}) ASSERT_EQ(blocks[i][j], uint8_t(i & 0xFF));
+  for (size_t i = 0; i < n; i += 2) ASSERT_EQ(qorMC_M_memBlockFree(blocks[i]), 0);
+  QorMemPoolStats s = stats(kFirst);
+  EXPECT_EQ(s.name, "heads");
+  EXPECT_EQ(s.blockSize, 100u);
+  EXPECT_EQ(s.allocs, n);
+  EXPECT_EQ(s.frees, (n + 1) / 2);
+  EXPECT_EQ(s.inUse, n / 2);
+  EXPECT_EQ(s.peak, n);
+  EXPECT_EQ(s.failures, 0u);
+  EXPECT_EQ(qorMemBlockPool(blocks[1]), kFirst);
+  EXPECT_EQ(qorMemBlockPool(blocks[0]), 0u) << "a freed block belongs to no pool";
+#ifndef RTM_SANITIZED
+  EXPECT_EQ(s.bytesReserved % QOR_MEM_CHUNK_SIZE, 0u);
+  EXPECT_GE(s.bytesReserved, 3 * QOR_MEM_CHUNK_SIZE);
+  // A freed block is the next one handed out.
+  void *again = qorMC_M_memBlockAlloc(kFirst, 100, 0, __FILE__, __LINE__);
+  EXPECT_EQ(again, blocks[n % 2 ? n - 1 : n - 2]);
+#endif
+}
+
+#ifndef RTM_SANITIZED
+TEST_F(QorMemTest, AMillionSmallBlocksCostLittleMoreThanTheirSize) {
+  ASSERT_EQ(qorMC_M_memPoolCreate("heads", kFirst, part, 104), 0);
+  const size_t n = 1000000;
+  QorMemPool *p = qorMemPoolGet(kFirst);
+  for (size_t i = 0; i < n; ++i) ASSERT_NE(qorMC_M_memBlockAlloc(p, 104, 0, nullptr, 0), nullptr);
+  QorMemPoolStats s = stats(kFirst);
+  EXPECT_LT(double(s.bytesReserved) / n, 104 * 1.02);
+}
+#endif
+
+TEST_F(QorMemTest, FreeRefusesWhatIsNotALiveBlockOfAFixedPool) {
+  ASSERT_EQ(qorMC_M_memPoolCreate("a", kFirst, part, 64), 0);
+  ASSERT_EQ(qorMC_M_memPoolCreate("b", kFirst + 1, part, 64), 0);
+  const uint32_t classes[] = {32, 128};
+  ASSERT_EQ(qorMC_qor_memPartVarInit(0x42, 0, classes, 2), 0);
+  auto *live = static_cast<char *>(qorMC_M_memBlockAlloc(kFirst, 64, 0, nullptr, 0));
+  void *freed = qorMC_M_memBlockAlloc(kFirst, 64, 0, nullptr, 0);
+  void *never = qorMC_M_memBlockAlloc(kFirst + 1, 64, 0, nullptr, 0);  // keeps pool b's chunk
+  ASSERT_EQ(qorMC_M_memBlockFree(freed), 0);
+  void *varBlock = qorMC_M_memBlockVarAlloc(0x42, 20, 0, nullptr, 0);
+  void *sysBlock = qorMC_M_sysMalloc(64, nullptr, 0, 0);
+  void *heap = malloc(64);
+  int onStack = 0;
+  struct Case {
+    const char *what;
+    void *p;
+    int rc;
+  } cases[] = {
+      {"null", nullptr, QOR_MEM_ENOTBLOCK},
+      {"stack", &onStack, QOR_MEM_ENOTBLOCK},
+      {"plain heap", heap, QOR_MEM_ENOTBLOCK},
+      {"inside a block", live + 8, QOR_MEM_ENOTBLOCK},
+      {"freed twice", freed, QOR_MEM_EDOUBLEFREE},
+      {"size-class block", varBlock, QOR_MEM_ENOTBLOCK},
+      {"system block", sysBlock, QOR_MEM_ENOTBLOCK},
+  };
+  for (const Case &c : cases) EXPECT_EQ(qorMC_M_memBlockFree(c.p), c.rc) << c.what;
+  QorMemPoolStats s = stats(kFirst);
+  EXPECT_EQ(s.inUse, 1u);
+  EXPECT_EQ(s.frees, 1u);
+  EXPECT_EQ(s.badFrees, 1u);
+  // The refused blocks are intact and go back through their own functions.
+  EXPECT_EQ(qorMC_M_memBlockVarFree(live), QOR_MEM_ENOTBLOCK) << "fixed block through the var free";
+  EXPECT_EQ(qorMC_M_sysMemfree(live), QOR_MEM_ENOTBLOCK);
+  EXPECT_EQ(qorMC_M_memBlockFree(live), 0);
+  EXPECT_EQ(qorMC_M_memBlockFree(never), 0);
+  EXPECT_EQ(qorMC_M_memBlockVarFree(varBlock), 0);
+  EXPECT_EQ(qorMC_M_memBlockVarFree(varBlock), QOR_MEM_EDOUBLEFREE);
+  EXPECT_EQ(qorMC_M_sysMemfree(sysBlock), 0);
+  EXPECT_EQ(qorMC_M_sysMemfree(sysBlock), QOR_MEM_ENOTBLOCK);
+  EXPECT_EQ(qorMemSysStats().badFrees, 2u);
+  free(heap);
+}
+
+TEST_F(QorMemTest, BlocksOfADeletedPoolAreStrangers) {
+  ASSERT_EQ(qorMC_M_memPoolCreate("a", kFirst, part, 64), 0);
+  void *b = qorMC_M_memBlockAlloc(kFirst, 64, 0, nullptr, 0);
+  ASSERT_EQ(qorMC_M_memPoolDelete(kFirst), 0);
+  EXPECT_FALSE(qorMemPoolExists(kFirst));
+  EXPECT_EQ(qorMC_M_memBlockFree(b), QOR_MEM_ENOTBLOCK);
+  EXPECT_EQ(qorMC_M_memBlockAlloc(kFirst, 64, 0, nullptr, 0), nullptr);
+  EXPECT_EQ(qorMC_M_memPoolCreate("a", kFirst, part, 64), 0) << "the number can be used again";
+}
+
+TEST_F(QorMemTest, ARequestLargerThanTheBlockFailsAndIsCounted) {
+  ASSERT_EQ(qorMC_M_memPoolCreate("a", kFirst, part, 40), 0);
+  EXPECT_EQ(qorMC_M_memBlockAlloc(kFirst, 41, 0, nullptr, 0), nullptr);
+  EXPECT_NE(qorMC_M_memBlockAlloc(kFirst, 40, 0, nullptr, 0), nullptr);
+  EXPECT_EQ(stats(kFirst).failures, 1u);
+  EXPECT_EQ(qorMC_M_memBlockAlloc(kFirst + 5, 8, 0, nullptr, 0), nullptr) << "no such pool";
+}
+
+TEST_F(QorMemTest, SizeClassesServeTheSmallestThatFitsAndFallBackAboveTheLargest) {
+  // The table as the daemon passes it: unsorted, with repeats.
+  const uint32_t sizes[] = {184, 156, 20,  88,  92,  96,  100, 104, 112, 116, 120, 124, 128, 132, 136, 140,
+                            144, 148, 152, 184, 216, 280, 344, 104, 116, 128, 140, 152, 164, 176, 188, 200,
+                            212, 224, 236, 248, 260, 272, 284, 380, 476, 668, 860, 40,  64,  2180};
+  ASSERT_EQ(qorMC_qor_memPartVarInit(0x60000, 0, sizes, 46), 0);
+  EXPECT_EQ(qorMC_qor_memPartVarInit(0x60000, 0, sizes, 46), QOR_MEM_ERR) << "exists";
+  struct Case {
+    size_t request, served;
+  } cases[] = {{1, 20},    {20, 20},    {21, 40},   {41, 64},   {65, 88},     {89, 92},    {93, 96},
+               {101, 104}, {157, 164},  {185, 188}, {861, 2180}, {2180, 2180}, {2181, 0},   {100000, 0}};
+  for (const Case &c : cases) EXPECT_EQ(qorMemVarClassFor(0x60000, c.request), c.served) << c.request;
+
+  std::vector<void *> blocks;
+  for (const Case &c : cases) {
+    auto *b = static_cast<uint8_t *>(qorMC_M_memBlockVarAlloc(0x60000, c.request, 0, nullptr, 0));
+    ASSERT_NE(b, nullptr);
+    memset(b, 0xAB, c.request);  // the whole request is ours
+    blocks.push_back(b);
+  }
+  QorMemVarStats vs;
+  ASSERT_EQ(qorMemVarStatsGet(0x60000, &vs), 0);
+  EXPECT_EQ(vs.classes.size(), 40u) << "one class per distinct size";
+  EXPECT_EQ(vs.inUse, std::size(cases));
+  EXPECT_EQ(vs.fallbacks, 2u);
+  EXPECT_EQ(vs.fallbackInUse, 2u);
+  auto cls = [&](uint32_t size) {
+    return *std::find_if(vs.classes.begin(), vs.classes.end(), [&](auto &c) { return c.size == size; });
+  };
+  EXPECT_EQ(cls(2180).inUse, 2u);
+  EXPECT_EQ(cls(20).inUse, 2u);
+  for (void *b : blocks) EXPECT_EQ(qorMC_M_memBlockVarFree(b), 0);
+  ASSERT_EQ(qorMemVarStatsGet(0x60000, &vs), 0);
+  EXPECT_EQ(vs.inUse, 0u);
+  EXPECT_EQ(vs.fallbackInUse, 0u);
+  EXPECT_EQ(vs.peak, std::size(cases));
+}
+
+TEST_F(QorMemTest, FailNextHitsOnlyItsPoolAndFailAfterHitsEveryAllocator) {
+  ASSERT_EQ(qorMC_M_memPoolCreate("a", kFirst, part, 32), 0);
+  ASSERT_EQ(qorMC_M_memPoolCreate("b", kFirst + 1, part, 32), 0);
+  const uint32_t classes[] = {64};
+  ASSERT_EQ(qorMC_qor_memPartVarInit(7, 0, classes, 1), 0);
+
+  qorMemFailNext(kFirst, 2);
+  EXPECT_EQ(qorMC_M_memBlockAlloc(kFirst, 32, 0, nullptr, 0), nullptr);
+  EXPECT_NE(qorMC_M_memBlockAlloc(kFirst + 1, 32, 0, nullptr, 0), nullptr) << "other pool unaffected";
+  EXPECT_NE(qorMC_M_memBlockVarAlloc(7, 10, 0, nullptr, 0), nullptr);
+  EXPECT_EQ(qorMC_M_memBlockAlloc(kFirst, 32, 0, nullptr, 0), nullptr);
+  EXPECT_NE(qorMC_M_memBlockAlloc(kFirst, 32, 0, nullptr, 0), nullptr) << "only two";
+  EXPECT_EQ(stats(kFirst).failures, 2u);
+  EXPECT_EQ(stats(kFirst + 1).failures, 0u);
+
+  qorMemVarFailNext(1);
+  qorMemSysFailNext(1);
+  EXPECT_EQ(qorMC_M_memBlockVarAlloc(7, 10, 0, nullptr, 0), nullptr);
+  EXPECT_EQ(qorMC_M_sysMalloc(10, nullptr, 0, 0), nullptr);
+  EXPECT_NE(qorMC_M_memBlockAlloc(kFirst, 32, 0, nullptr, 0), nullptr);
+  void *sys = qorMC_M_sysMalloc(10, nullptr, 0, 0);
+  EXPECT_NE(sys, nullptr);
+  EXPECT_EQ(qorMemSysStats().failures, 1u);
+
+  qorMemFailAfter(3);
+  EXPECT_NE(qorMC_M_memBlockAlloc(kFirst, 32, 0, nullptr, 0), nullptr);
+  EXPECT_NE(qorMC_M_memBlockVarAlloc(7, 10, 0, nullptr, 0), nullptr);
+  EXPECT_NE(qorMC_M_sysMalloc(10, nullptr, 0, 0), nullptr);
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(qorMC_M_memBlockAlloc(kFirst + 1, 32, 0, nullptr, 0), nullptr);
+    EXPECT_EQ(qorMC_M_memBlockVarAlloc(7, 10, 0, nullptr, 0), nullptr);
+    EXPECT_EQ(qorMC_M_sysMalloc(10, nullptr, 0, 0), nullptr);
+  }
+  EXPECT_EQ(qorMC_M_sysMemfree(sys), 0) << "frees still work";
+  qorMemFailAfter(-1);
+  EXPECT_NE(qorMC_M_memBlockAlloc(kFirst + 1, 32, 0, nullptr, 0), nullptr);
+}
+
+TEST_F(QorMemTest, RandomAllocAndFreeAgreeWithAModel) {
+  const uint32_t sizes[] = {16, 40, 100, 1500};
+  for (uint32_t i = 0; i < 4; ++i) ASSERT_EQ(qorMC_M_memPoolCreate("p", kFirst + i, part, sizes[i]), 0);
+  std::mt19937 rng(12345);
+  std::map<uint8_t *, uint32_t> live;  // block -> pool index
+  for (int step = 0; step < 40000; ++step) {
+    uint32_t i = rng() % 4;
+    if (live.empty() || rng() % 100 < 55) {
+      auto *b = static_cast<uint8_t *>(qorMC_M_memBlockAlloc(kFirst + i, sizes[i], 0, nullptr, 0));
+      ASSERT_NE(b, nullptr);
+      ASSERT_EQ(live.count(b), 0u) << "handed out twice";
+      memset(b, int(i + 1), sizes[i]);
+      live[b] = i;
+    } else {
+      auto it = std::next(live.begin(), rng() % live.size());
+      uint32_t pi = it->second;
+      ASSERT_EQ(it->first[sizes[pi] - 1], uint8_t(pi + 1)) << "block overwritten";
+      ASSERT_EQ(qorMemBlockPool(it->first), kFirst + pi);
+      ASSERT_EQ(qorMC_M_memBlockFree(it->first), 0);
+      live.erase(it);
+    }
+  }
+  for (uint32_t i = 0; i < 4; ++i)
+    EXPECT_EQ(stats(kFirst + i).inUse, size_t(std::count_if(live.begin(), live.end(),
+                                                              [&](auto &e) { return e.second == i; })));
+}
+
+TEST_F(QorMemTest, ShowListsEveryPoolWithItsCounters) {
+  ASSERT_EQ(qorMC_M_memPoolCreate("RTM_TEST_POOL", kFirst, part, 48), 0);
+  qorMC_M_memBlockAlloc(kFirst, 48, 0, nullptr, 0);
+  std::string text = qorMemShow();
+  EXPECT_NE(text.find("RTM_TEST_POOL"), std::string::npos);
+  EXPECT_NE(text.find("0x70000"), std::string::npos);
+  EXPECT_NE(text.find("system heap"), std::string::npos);
+}
+
+}  // namespace

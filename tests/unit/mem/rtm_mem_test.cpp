@@ -1,0 +1,248 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+#include "frame/rtm_mem.h"
+#include "log/qor_log.h"
+#include "mem/qor_mem.h"
+#include "rtm/rtm_types.h"
+
+namespace {
+
+class RtmMemTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    rtmMemTestReset();
+    qorLogReset();
+    qorLogSetEcho(false);
+  }
+  void TearDown() override {
+    rtmMemTestReset();
+    qorLogSetEcho(true);
+  }
+  static bool allZero(const void *p, size_t n) {
+    const auto *b = static_cast<const uint8_t *>(p);
+    for (size_t i = 0; i < n; ++i)
+      if (b[i]) return false;
+    return true;
+  }
+};
+
+TEST_F(RtmMemTest, EveryPoolOfTheTableExistsWithItsNumberAndBlockSize) {
+  struct Row {
+    const char *name;
+    uint32_t number, block;
+  } rows[] = {
+      {"RTM_MAIN_RIB_HEAD_POOL", 0x60000, 100},      {"RTM6_MAIN_RIB_HEAD_POOL", 0x60001, 112},
+      {"RTM_CLR_RTE_BUF_POOL", 0x60003, 184},        {"RTM_MAIN_RIB_ENTRY_POOL", 0x60004, 88},
+      {"RTM_ST_RIB_HEAD_POOL", 0x60005, 1340},       {"RTM6_ST_RIB_HEAD_POOL", 0x60006, 1864},
+      {"RTM_ST_RIB_ROUTE_POOL", 0x60007, 100},       {"RTM6_ST_RIB_ROUTE_POOL", 0x60008, 108},
+      {"RTM_ST_RIB_ENTRY_POOL", 0x60009, 16},        {"RTM_ST_RIB_NH_POOL", 0x6000a, 92},
+      {"RTM6_ST_RIB_NH_POOL", 0x6000b, 104},         {"RTM_ST_NH_RDX_POOL", 0x6000c, 40},
+      {"RTM_ST_RIB_MHEAD_POOL", 0x6000d, 1332},      {"RTM_ST_RIB_MROUTE_POOL", 0x6000e, 228},
+      {"RTM_ST_RIB_MENTRY_POOL", 0x6000f, 16},       {"RTM_ST_RIB_MNH_POOL", 0x60010, 68},
+      {"RTM6_ST_RIB_MHEAD_POOL", 0x60011, 1856},     {"RTM6_ST_RIB_MROUTE_POOL", 0x60012, 236},
+      {"RTM6_ST_RIB_MNH_POOL", 0x60013, 80},         {"RTM_FIB_NH_POOL", 0x60014, 204},
+      {"RTM_NH_FIFO_NODE_POOL", 0x60015, 24},        {"RTM_POLL_FIFO_NODE_POOL", 0x60016, 12},
+      {"RTM_RTM_ARP_POOL", 0x60017, 156},            {"RTM_NH_POOL", 0x60018, 44},
+      {"RTM6_NH_POOL", 0x60019, 56},                 {"RTM_ADDRLST_POOL", 0x6001a, 12},
+      {"RTM6_ADDRLST_POOL", 0x6001b, 36},            {"RTM_IFNET_POOL", 0x6001c, 160},
+      {"RTM_REDIST_POOL", 0x6001d, 424},             {"RTM_SWP_DNLD_POOL", 0x6001e, 8192},
+      {"RTM_SWP_NH_DNLD_POOL", 0x6001f, 8192},       {"RTM_SWP_REDIST_POOL", 0x60020, 8192},
+      {"RTM_SWP_POOL", 0x60021, 8192},               {"RTM_NH_RDX_POOL", 0x60022, 40},
+      {"RTM_RIB_RDX_POOL", 0x60023, 40},             {"RTM_ST_RIB_RDX_POOL", 0x60024, 40},
+      {"RTM_POLL_RIB_HEAD_POOL", 0x60025, 68},       {"RTM6_POLL_RIB_HEAD_POOL", 0x60026, 80},
+      {"RTM_POLL_CLIENT_POOL", 0x60027, 1904},       {"RTM6_POLL_CLIENT_POOL", 0x60028, 2452},
+      {"RTM_DIO_POOL", 0x60029, 328},                {"RTM_RPARAMS_POOL", 0x6002a, 656},
+      {"RTM_IPREDIR_POOL", 0x6002b, 140},            {"RTM_MAIN_LARGE_RIB_ENTRY_POOL", 0x6002c, 344},
+      {"RTM_GBC_RIB_HEAD_POOL", 0x6002d, 68},        {"RTM6_GBC_RIB_HEAD_POOL", 0x6002e, 80},
+      {"RTM_RTM_NDP_POOL", 0x6002f, 156},            {"RTM_ECMP_MAX_PATHS_DNLD_POOL", 0x60030, 132},
+      {"RTM_OFM_GRP_POOL", 0x60031, 304},            {"RTM_OFM_L3_INTF_POOL", 0x60032, 72},
+      {"RTM_LPM_IPV6_128_POOL", 0x60033, 132},       {"RTM_IPVX_HOST_PREFIX_POOL", 0x60034, 132},
+      {"RTM_PREFIX_UPDATE_POOL", 0x60036, 1072},     {"RTM_PREFIX_SLL_POOL", 0x60037, 32},
+      {"RTM_RTLEAK_WALKER_POOL", 0x60038, 264},      {"RTM_RTLEAK_ERT_POOL", 0x6003a, 52},
+      {"RTM_RTLEAK_IRT_POOL", 0x6003b, 52},          {"RTM_RTLEAK_EXPVRF_POOL", 0x6003c, 216},
+      {"RTM_RTLEAK_IMPVRF_POOL", 0x6003d, 60},       {"RTM_RTLEAK_PERVRFIRT_POOL", 0x6003e, 172},
+  };
+  ASSERT_EQ(rtmMemInit(), 0);
+  EXPECT_EQ(std::size(rows), size_t(RTM_MEM_POOL_COUNT));
+  for (const Row &r : rows) {
+    QorMemPoolStats s;
+    ASSERT_EQ(qorMemPoolStatsGet(r.number, &s), 0) << r.name;
+    EXPECT_EQ(s.name, r.name);
+    EXPECT_EQ(s.blockSize, r.block) << r.name;
+    EXPECT_EQ(rtmMemTableBlockSize(r.number), r.block) << r.name;
+  }
+  for (uint32_t hole : {0x60002u, 0x60035u, 0x60039u, 0x6003fu}) EXPECT_FALSE(qorMemPoolExists(hole)) << hole;
+  EXPECT_EQ(qorMemVarClassFor(RTM_MEM_VAR_PART, 2180), 2180u) << "the variable partition exists too";
+  EXPECT_EQ(rtmMemPoolAlloc(), -1) << "the pools exist already";
+  rtmMemExit();
+  EXPECT_FALSE(qorMemPoolExists(RTM_MAIN_RIB_HEAD_POOL));
+  EXPECT_EQ(rtmMemInit(), 0) << "and can be made again";
+}
+
+TEST_F(RtmMemTest, FixMemBlockSizeGivesTheBlockOfKnownPoolsOnly) {
+  struct Case {
+    uint32_t pool, size, want;
+  } cases[] = {
+      {RTM_MAIN_RIB_HEAD_POOL, 96, 100},   {RTM_MAIN_RIB_HEAD_POOL, 100, 100}, {RTM_SWP_DNLD_POOL, 60, 8192},
+      {RTM_PREFIX_UPDATE_POOL, 1, 1072},   {RTM_LPM_IPV6_128_POOL, 500, 500},  {RTM_IPVX_HOST_PREFIX_POOL, 7, 7},
+      {RTM_RTLEAK_WALKER_POOL, 300, 300},  {RTM_RTLEAK_PERVRFIRT_POOL, 9, 9},  {0x60002, 77, 77},
+      {0x12345, 5, 5},
+  };
+  for (const Case &c : cases) EXPECT_EQ(fixMemBlockSize(c.pool, c.size), c.want) << std::hex << c.pool;
+}
+
+TEST_F(RtmMemTest, ARaisedBlockSizeIsWhatThePoolHandsOut) {
+  ASSERT_EQ(rtmMemSetBlockSize(RTM_MAIN_RIB_HEAD_POOL, 160), 0);
+  ASSERT_EQ(rtmMemSetBlockSize(RTM_MAIN_RIB_HEAD_POOL, 120), 0) << "a smaller raise keeps the larger";
+  EXPECT_EQ(rtmMemSetBlockSize(0x60002, 160), -1) << "no such pool";
+  EXPECT_EQ(fixMemBlockSize(RTM_MAIN_RIB_HEAD_POOL, 96), 160u);
+  ASSERT_EQ(rtmMemInit(), 0);
+  EXPECT_EQ(rtmMemSetBlockSize(RTM_MAIN_RIB_HEAD_POOL, 200), -1) << "too late";
+  EXPECT_EQ(rtmMemSetBlockSize(RTM_MAIN_RIB_HEAD_POOL, 150), 0) << "already large enough";
+
+  auto *b = static_cast<uint8_t *>(rtmMemAllocFromPool(__FILE__, __LINE__, RTM_MEM_TAG_RIB, 150, RTM_MAIN_RIB_HEAD_POOL));
+  ASSERT_NE(b, nullptr);
+  memset(b, 0x5A, 160);
+  EXPECT_EQ(RTM_POOL_FREE(b), 0);
+  b = static_cast<uint8_t *>(RTM_POOL_ALLOC(RTM_MEM_TAG_RIB, 150, RTM_MAIN_RIB_HEAD_POOL));
+  EXPECT_TRUE(allZero(b, 160)) << "the whole effective block is cleared";
+
+  // A record that outgrew a pool nobody raised is refused, not allowed to overrun.
+  size_t asserts = qorAssertCount();
+  EXPECT_EQ(RTM_POOL_ALLOC(0, 101, RTM_MAIN_RIB_ENTRY_POOL), nullptr);
+  EXPECT_EQ(qorAssertCount(), asserts + 1);
+  EXPECT_EQ(rtmMemRibRdxMalloc(41), nullptr);
+  EXPECT_EQ(qorAssertCount(), asserts + 2);
+}
+
+TEST_F(RtmMemTest, AfIndexTwoMovesToTheIPv6TwinAndAnyOtherNumberIsAnAssertion) {
+  ASSERT_EQ(rtmMemInit(), 0);
+  struct Twin {
+    uint32_t v4, v6;
+  } twins[] = {{0x60000, 0x60001}, {0x60005, 0x60006}, {0x60007, 0x60008}, {0x6000A, 0x6000B},
+               {0x6000D, 0x60011}, {0x6000E, 0x60012}, {0x60010, 0x60013}, {0x60018, 0x60019},
+               {0x60025, 0x60026}, {0x60027, 0x60028}, {0x6002D, 0x6002E}};
+  for (const Twin &t : twins) {
+    void *v6 = RTM_POOL_ALLOC_AF(0, 8, t.v4, RTM_IPV6UNI_AFINDEX);
+    void *v4 = RTM_POOL_ALLOC_AF(0, 8, t.v4, RTM_IPV4UNI_AFINDEX);
+    void *mc = RTM_POOL_ALLOC_AF(0, 8, t.v4, IPV4MUL_AFINDEX);
+    EXPECT_EQ(qorMemBlockPool(v6), t.v6) << std::hex << t.v4;
+    EXPECT_EQ(qorMemBlockPool(v4), t.v4);
+    EXPECT_EQ(qorMemBlockPool(mc), t.v4);
+  }
+  size_t asserts = qorAssertCount();
+  for (uint32_t lone : {RTM_MAIN_RIB_ENTRY_POOL, RTM6_MAIN_RIB_HEAD_POOL, RTM_FIB_NH_POOL}) {
+    EXPECT_EQ(RTM_POOL_ALLOC_AF(0, 8, lone, RTM_IPV6UNI_AFINDEX), nullptr);
+    EXPECT_NE(RTM_POOL_ALLOC_AF(0, 8, lone, RTM_IPV4UNI_AFINDEX), nullptr);
+  }
+  EXPECT_EQ(qorAssertCount(), asserts + 3);
+}
+
+TEST_F(RtmMemTest, EveryAllocatorClearsItsBlocksButTheRadixNodeAllocators) {
+  ASSERT_EQ(rtmMemInit(), 0);
+  struct Alloc {
+    const char *what;
+    void *(*get)();
+    int (*put)(void *);
+    size_t size;
+    bool cleared;
+  } allocs[] = {
+      {"pool", [] { return RTM_POOL_ALLOC(0, 88, RTM_MAIN_RIB_ENTRY_POOL); }, [](void *b) { return RTM_POOL_FREE(b); },
+       88, true},
+      {"pool by afIndex", [] { return RTM_POOL_ALLOC_AF(0, 112, RTM_MAIN_RIB_HEAD_POOL, 2); },
+       [](void *b) { return RTM_POOL_FREE(b); }, 112, true},
+      {"variable", [] { return RTM_VAR_ALLOC(0, 150); }, [](void *b) { return rtmVarMemFreeFromPool(b); }, 150, true},
+      {"non-pool", [] { return RTM_NONPOOL_ALLOC(8192, 0); }, [](void *b) { return RTM_NONPOOL_FREE(b); }, 8192, true},
+      {"prefix update", [] { return rtmMemPrefixUpdateMalloc(1072); },
+       [](void *b) { return rtmMemPrefixUpdateFree(b), 0; }, 1072, true},
+      {"rib radix", [] { return rtmMemRibRdxMalloc(40); }, [](void *b) { return rtmMemRibRdxFree(b), 0; }, 40, false},
+      {"nh radix", [] { return rtmMemNhRdxMalloc(40); }, [](void *b) { return rtmMemNhRdxFree(b), 0; }, 40, false},
+      {"static radix", [] { return rtmMemStRibRdxMalloc(40); }, [](void *b) { return rtmMemStRibRdxFree(b), 0; }, 40,
+       false},
+      {"static nh radix", [] { return rtmMemStNhRdxMalloc(40); }, [](void *b) { return rtmMemStNhRdxFree(b), 0; }, 40,
+       false},
+  };
+  for (const Alloc &a : allocs) {
+    void *b = a.get();
+    ASSERT_NE(b, nullptr) << a.what;
+    if (a.cleared) {
+      EXPECT_TRUE(allZero(b, a.size)) << a.what;
+    }
+    memset(b, 0xC3, a.size);
+    ASSERT_EQ(a.put(b), 0) << a.what;
+    void *again = a.get();
+    ASSERT_NE(again, nullptr) << a.what;
+    if (a.cleared) {
+      EXPECT_TRUE(allZero(again, a.size)) << a.what;
+    } else {
+#ifndef RTM_SANITIZED
+      // Slabs hand back the block just freed; past its free-list link it is as it was left.
+      ASSERT_EQ(again, b) << a.what;
+      EXPECT_EQ(static_cast<uint8_t *>(again)[a.size - 1], 0xC3) << a.what;
+#endif
+    }
+    a.put(again);
+  }
+}
+
+TEST_F(RtmMemTest, RefusedFreesAreLoggedWithTheirEventAndGiveMinusOne) {
+  ASSERT_EQ(rtmMemInit(), 0);
+  void *entry = RTM_POOL_ALLOC(0, 88, RTM_MAIN_RIB_ENTRY_POOL);
+  ASSERT_EQ(RTM_POOL_FREE(entry), 0);
+  int local = 0;
+  void *heap = malloc(16);
+
+  EXPECT_EQ(rtmMemFreeFromPool("rib.cpp", 77, entry), -1) << "double free";
+  const QorLogRecord *r = qorLogLast(0x148054);
+  ASSERT_NE(r, nullptr);
+  EXPECT_EQ(r->text, "RTM: rtmMemFreeFromPool");
+  ASSERT_EQ(r->args.size(), 3u);
+  EXPECT_EQ(r->args[1], "rib.cpp");
+  EXPECT_EQ(r->args[2], "77");
+  EXPECT_EQ(rtmMemFreeFromPool("rib.cpp", 78, &local), -1) << "foreign pointer";
+  EXPECT_EQ(qorLogCount(0x148054), 2u);
+
+  void *msg = RTM_POOL_ALLOC(RTM_MEM_TAG_DNLD_CTRL, 8192, RTM_SWP_DNLD_POOL);
+  EXPECT_EQ(rtmNewPoolFree(msg), 0);
+  EXPECT_EQ(rtmNewPoolFree(msg), -1);
+  EXPECT_EQ(rtmNewPoolFree(heap), -1);
+  EXPECT_EQ(qorLogCount(0x148002), 2u);
+  EXPECT_EQ(qorLogLast(0x148002)->text, "RTM: rtmNewPoolFree");
+
+  EXPECT_EQ(rtmMemFreeNonPool(__FILE__, __LINE__, heap), -1);
+  EXPECT_EQ(qorLogLast(0x148054)->text, "RTM: rtmMemFreeNonPool");
+  EXPECT_EQ(rtmVarMemFreeFromPool(heap), -1);
+  EXPECT_EQ(qorLogLast(0x148054)->text, "RTM: rtmVarMemFreeFromPool");
+  EXPECT_EQ(qorLogCount(0x148054), 4u);
+  free(heap);
+}
+
+TEST_F(RtmMemTest, ExhaustionOfOnePoolLeavesTheOthersAndIsCounted) {
+  ASSERT_EQ(rtmMemInit(), 0);
+  qorMemFailNext(RTM_MAIN_RIB_HEAD_POOL, 2);
+  EXPECT_EQ(RTM_POOL_ALLOC(0, 100, RTM_MAIN_RIB_HEAD_POOL), nullptr);
+  EXPECT_NE(RTM_POOL_ALLOC(0, 88, RTM_MAIN_RIB_ENTRY_POOL), nullptr);
+  EXPECT_NE(RTM_POOL_ALLOC_AF(0, 112, RTM_MAIN_RIB_HEAD_POOL, 2), nullptr) << "the twin is its own pool";
+  EXPECT_EQ(RTM_POOL_ALLOC(0, 100, RTM_MAIN_RIB_HEAD_POOL), nullptr);
+  void *a = RTM_POOL_ALLOC(0, 100, RTM_MAIN_RIB_HEAD_POOL);
+  void *b = RTM_POOL_ALLOC(0, 100, RTM_MAIN_RIB_HEAD_POOL);
+  ASSERT_NE(a, nullptr);
+  RTM_POOL_FREE(a);
+  QorMemPoolStats s;
+  ASSERT_EQ(qorMemPoolStatsGet(RTM_MAIN_RIB_HEAD_POOL, &s), 0);
+  EXPECT_EQ(s.failures, 2u);
+  EXPECT_EQ(s.inUse, 1u);
+  EXPECT_EQ(s.peak, 2u);
+  EXPECT_EQ(s.allocs, 2u);
+  ASSERT_EQ(qorMemPoolStatsGet(RTM_MAIN_RIB_ENTRY_POOL, &s), 0);
+  EXPECT_EQ(s.failures, 0u);
+  RTM_POOL_FREE(b);
+  // Allocators stay silent: exhaustion is the caller's to report.
+  EXPECT_EQ(qorLogRecent().size(), 0u);
+  EXPECT_EQ(rtmOutOfMemLogMsg, 1u);
+}
+
+}  // namespace
