@@ -1,0 +1,23 @@
+// The interface table and the registration with the interface manager (IFM).
+#pragma once
+
+#include <cstdint>
+
+// Layout of the registration message (type 10802, 2632 bytes), after the IPC header:
+// the registrant's service, RTM's address triple, then a bit mask of the notification types
+// wanted: type n is bit (n & 7) of byte (n >> 3) of the mask.
+constexpr uint32_t IFM_REG_MSG_LEN = 2632;
+constexpr uint32_t IFM_REG_OFF_SVCE = 60;
+constexpr uint32_t IFM_REG_OFF_SLOT = 64;
+constexpr uint32_t IFM_REG_OFF_CARD = 68;
+constexpr uint32_t IFM_REG_OFF_QUEUE = 72;
+constexpr uint32_t IFM_REG_OFF_MASK = 80;
+constexpr uint32_t IFM_REG_MASK_LEN = IFM_REG_MSG_LEN - IFM_REG_OFF_MASK;
+
+// Sets the bit of notification `type` in a registration mask.
+void ifmSetPerSvcTypeMasks(uint8_t *mask, uint32_t type);
+bool ifmTestPerSvcTypeMask(const uint8_t *mask, uint32_t type);
+
+void rtmIfInit();
+int rtmIfmRegister();
+int halRtmInit();

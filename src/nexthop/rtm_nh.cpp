@@ -1,0 +1,3 @@
+#include "nexthop/rtm_nh.h"
+
+void rtmNhInit(uint32_t) {}

@@ -1,0 +1,3 @@
+#include "rpf/rtm_rpf.h"
+
+void rtmRpfNhInit(uint32_t) {}

@@ -1,0 +1,3 @@
+#include "sdn/rtm_sdn.h"
+
+void rtmOfmInit() {}
