@@ -1,0 +1,201 @@
+// Radix trees of prefixes and their change lists.
+//
+// A tree holds records ("heads") keyed by a prefix of 0..keyBits bits (32 for IPv4, 128 for
+// IPv6; the width is a property of the tree and one code path serves all widths). Every
+// record begins with a qor_radix_hdr: the tree links the record through it, finds its key
+// through rtmh_key, and keeps it on the tree's change list through rtmh_version and the list
+// links. The tree allocates only its nodes, through the functions given at creation; it never
+// allocates or frees records.
+//
+// The tree is a path-compressed binary trie. A node stands for one prefix (its first rn_bit
+// bits); it holds a head when that prefix is in the tree, and it is an internal node (no head,
+// flag QOR_RADIX_INTERNAL) only where the keys below it diverge, so an internal node always
+// has two children. Prefixes nest: a node's descendants are exactly the more specific
+// prefixes of its prefix. Lookups test one bit per node going down and compare keys once at
+// the bottom.
+//
+// Tree order, used by qorRadixGetNext and qorRadixWalk, is by key, then by length, shorter
+// first: 10.0.0.0/8, 10.0.0.0/16, 10.0.1.0/24, 10.128.0.0/9, 11.0.0.0/8. Only the first
+// `prefixlen` bits of a key count; the bits after them are ignored everywhere.
+//
+// The change list of a tree is a list of heads in version order. Appending a head gives it
+// the tree's next version and moves it to the tail, so a head is on the list once, at its
+// latest change. Walkers are records in the caller's memory that sit on the same list as
+// place-holders: a walker's place is a list position, so moving or removing heads never
+// invalidates a walker and no walker needs fixing up; a step of a walk is O(1).
+//
+// None of this is thread-safe: the daemon's threads are cooperative and the tree relies on
+// that, as do its callers.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+struct qor_radix_node;
+struct qor_radix_tree;
+struct qor_radix_hdr;
+
+// Links of the change list.
+struct qor_radical_link {
+  qor_radix_hdr *rdl_next;  // null when the head is not on a change list
+  qor_radix_hdr *rdl_prev;
+};
+
+// The first bytes of every record that lives in a tree (40 bytes on 64-bit hosts).
+struct qor_radix_hdr {
+  qor_radix_node *rdx_node;      // the node that holds this head; null when not in a tree
+  const uint8_t *rtmh_key;       // the prefix bytes, big-endian; set before qorRadixInsert
+  uint64_t rtmh_version;         // version of the last append to the change list
+  qor_radical_link rdl_link;     // place on the change list
+};
+static_assert(sizeof(void *) != 8 || sizeof(qor_radix_hdr) == 40);
+
+// Node flag: the node holds no head and only joins two subtrees.
+constexpr uint8_t QOR_RADIX_INTERNAL = 0x2;
+
+// A node of the tree (40 bytes on 64-bit hosts). Exposed for walks over nodes; read only.
+struct qor_radix_node {
+  qor_radix_node *rn_child[2];   // by the key bit at position rn_bit
+  qor_radix_node *rn_parent;
+  qor_radix_hdr *rn_head;        // null on an internal node
+  uint32_t rn_key32;             // first 32 bits of the node's prefix, host order, masked
+  uint8_t rn_bit;                // prefix length of the node
+  uint8_t rn_flags;              // QOR_RADIX_INTERNAL
+  uint16_t rn_spare;
+};
+static_assert(sizeof(void *) != 8 || sizeof(qor_radix_node) == 40);
+
+using QorRadixAllocFn = void *(*)(size_t);
+using QorRadixFreeFn = void (*)(void *);
+// Walk callbacks return 0 to go on and non-zero to stop.
+using QorRadixWalkCB = int (*)(qor_radix_hdr *head, void *arg);
+
+struct QorRadixAccel;
+
+// A tree. The words marked "caller's" are never interpreted by the tree.
+struct qor_radix_tree {
+  qor_radix_node *rdx_root;
+  uint64_t rdx_version;          // the last version given; the next append gives +1
+  uint64_t rdx_maxVersion;       // the last version before the change list wraps
+  uint32_t rdx_lock;             // caller's lock word (set to 0 by qorRadixDestroy)
+  uint32_t rdx_count;            // caller's counter word
+  uint32_t rdx_keyBits;
+  uint32_t rdx_keyBytes;
+  uint64_t rdx_heads;            // heads in the tree
+  uint64_t rdx_nodes;            // nodes, with the internal ones
+  uint64_t rdx_nodeBytes;        // bytes of nodes taken from the allocator
+  uint64_t rdx_allocFails;       // node allocations that failed
+  uint64_t rdx_gen;              // changes of the tree's shape, so that walks can resync
+  uint64_t rdl_epoch;            // restarts of the change list (version wraps)
+  uint64_t rdl_serial;           // identity of this tree for the walkers registered on it
+  uint32_t rdl_walkers;          // walkers registered
+  uint32_t rdx_accelMin;         // heads at which the lookup accelerator is built (0: never)
+  QorRadixAllocFn rdx_alloc;
+  QorRadixFreeFn rdx_free;
+  QorRadixAccel *rdx_accel;      // direct table on the first 16 key bits, when built
+  qor_radix_hdr rdl_anchor;      // ends of the change list (a circular list through it)
+  char rdx_name[64];
+};
+
+// A walker of the change list: a record in the caller's memory, zeroed or constructed.
+// Its place is wk_place, a place-holder on the list; walker_version is the version up to which
+// it has walked. The caller may overwrite walker_version (the daemon sets it to the tree's
+// version when nothing is pending); that changes nothing of the walker's place.
+struct qor_radical_walker {
+  qor_radix_hdr wk_place;
+  uint64_t walker_version;
+};
+
+// Default heads at which a tree builds its lookup accelerator (1 MB per tree while built).
+constexpr uint32_t QOR_RADIX_ACCEL_MIN = 65536;
+
+// ---- The tree ----
+
+// Makes a tree of `keyBits` (1..128) bits. Nodes come from allocFn/freeFn (malloc/free when
+// null). The tree record itself comes from the heap. Null on a bad width or no memory.
+qor_radix_tree *qorRadixCreate(const char *name, unsigned keyBits, QorRadixAllocFn allocFn,
+                               QorRadixFreeFn freeFn, int flags);
+// Frees the nodes and the tree; the records and the walkers are not touched and must not be
+// used with the tree again. The lock word is cleared first.
+void qorRadixDestroy(qor_radix_tree *tree);
+
+// Links `head` under its key and `prefixlen`. Returns head, or null when the prefix is already
+// in the tree, the head is already in a tree, the length is too long, or no node could be had;
+// on null the tree is as it was.
+qor_radix_hdr *qorRadixInsert(qor_radix_tree *tree, qor_radix_hdr *head, unsigned prefixlen);
+// Find-or-insert: attaches the caller's record to the node of its prefix. If a head of that
+// key and length is already in the tree it is returned and `head` is not linked (the caller
+// keeps its data on the returned record and frees its own); otherwise `head` is inserted and
+// returned. Null only when nothing could be inserted. One descent instead of GetExact+Insert.
+qor_radix_hdr *qorRadixAttach(qor_radix_tree *tree, qor_radix_hdr *head, unsigned prefixlen);
+// Unlinks the head from the tree and from the change list. 0 on success, 1 if the head is not
+// in a tree. Never allocates.
+int qorRadixRemove(qor_radix_tree *tree, qor_radix_hdr *head);
+
+// The head with exactly that key and length, or null.
+qor_radix_hdr *qorRadixGetExact(qor_radix_tree *tree, const void *key, unsigned prefixlen);
+// Longest match: the head of greatest length <= prefixlen whose prefix covers key, or null.
+qor_radix_hdr *qorRadixGetBest(qor_radix_tree *tree, const void *key, unsigned prefixlen);
+// The next shorter head that covers this head's prefix, or null.
+qor_radix_hdr *qorRadixGetLessSpecific(qor_radix_tree *tree, const qor_radix_hdr *head);
+// The head after `head` in tree order; with head null, the first head.
+qor_radix_hdr *qorRadixGetNext(qor_radix_tree *tree, const qor_radix_hdr *head);
+// The first head after (key, prefixlen) in tree order, whether or not that prefix is in the
+// tree: for walks that free the head in hand and keep a copy of its key.
+qor_radix_hdr *qorRadixGetNext(qor_radix_tree *tree, const void *key, unsigned prefixlen);
+
+// Calls cb for every head in tree order. `order` and `flags` are 0. The callback may remove
+// (and free) the head it is given, or change the tree otherwise: the walk then goes on from
+// the visited key. Returns 0, or the callback's non-zero result that stopped the walk.
+int qorRadixWalk(qor_radix_tree *tree, int order, QorRadixWalkCB cb, int flags, void *arg);
+// Calls cb for the heads on the change list whose version is above `fromVersion`, in version
+// order, up to the version the tree had at the call. Same callback rules as a change-list walk.
+// Returns 0, the callback's non-zero result, or -1 on bad arguments.
+int qorRadixVersionWalk(qor_radix_tree *tree, uint64_t fromVersion, QorRadixWalkCB cb, void *arg);
+
+// Every node, internal ones too, in pre-order (node, child 0 subtree, child 1 subtree).
+// The shape of the tree must not change between the calls.
+qor_radix_node *qorRadixNodeFirst(const qor_radix_tree *tree);
+qor_radix_node *qorRadixNodeNext(const qor_radix_node *node);
+
+// Bytes the tree takes: nodes, the tree record and the accelerator.
+size_t qorRadixBytes(const qor_radix_tree *tree);
+
+// ---- The change list ----
+
+// Gives the head version rdx_version + 1 and moves it to the tail (onto the list if it was not
+// on it). When rdx_version has reached rdx_maxVersion the list is restarted first: every head
+// is taken off it (version 0), every walker goes back to the start (walker_version 0), the
+// tree's version goes to 0; then the head is appended as version 1 and the result is 0. The
+// caller is expected to append its heads again (a renumbering). Otherwise the result is 1.
+int qorRadicalAppendToChangeList(qor_radix_tree *tree, qor_radix_hdr *head);
+// Takes the head off the change list (qorRadixRemove does this too). 0, or 1 if it was not on.
+int qorRadicalRemoveFromChangeList(qor_radix_tree *tree, qor_radix_hdr *head);
+
+// Registers the walker at the start of the list (version 0): it will see every head on the
+// list and every head appended later. A walker already registered on this tree is moved back
+// to the start; anything else in the record is overwritten. 0, or 1 on bad arguments.
+int qorRadicalWalkConstructor(qor_radix_tree *tree, qor_radical_walker *walker);
+// Takes the walker off the list. Harmless on a walker that is not registered on this tree.
+int qorRadicalWalkDestructor(qor_radix_tree *tree, qor_radical_walker *walker);
+
+// The version of the next head the walker would visit, or 0 when nothing is pending.
+uint64_t qorRadicalNextVersion(qor_radix_tree *tree, const qor_radical_walker *walker);
+
+// Visits the heads after the walker, in version order, and moves the walker past each before
+// calling cb on it. Stops after `limit` heads, when cb returns non-zero, or at the first head
+// whose version is above `maxVersion` or above the tree's version at the call (heads appended
+// during the walk are left for the next one, so a callback that re-appends cannot loop).
+// The callback may append the visited head or any other, or remove heads from the tree; if it
+// makes the list restart (a version wrap) the walk ends as stopped.
+// `*stopped` (when not null) is 0 when the walk ran out of work within the ceiling, and then
+// walker_version is the ceiling: every change up to it has been seen. It is 1 otherwise, and
+// walker_version is the version of the last head visited. `reserved` is 0; `threadSet` is not
+// used (the budget bounds a walk; the caller yields between walks).
+// Returns the number of heads visited, or -1 on bad arguments.
+int qorRadicalWalkChangeList(qor_radix_tree *tree, qor_radical_walker *walker, QorRadixWalkCB cb,
+                             int reserved, uint32_t limit, uint64_t maxVersion, void *threadSet,
+                             int *stopped, void *arg);
+// The same with no ceiling but the tree's version at the call.
+int qorRadicalWalkChangeList(qor_radix_tree *tree, qor_radical_walker *walker, QorRadixWalkCB cb,
+                             uint32_t limit, void *arg);

@@ -1,0 +1,382 @@
+// The change list and its walkers: version order, a head seen once at its latest version,
+// walkers that stay valid while heads move and go, budgets and ceilings, and the restart when
+// the version space is used up.
+#include <gtest/gtest.h>
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "radix_test_util.h"
+
+using namespace radix_test;
+
+namespace {
+
+// A tree with lettered heads A, B, C, ... (10.0.<n>.0/24), all in the tree, none on the list.
+class ChangeList : public ::testing::Test {
+ public:
+  void SetUp() override {
+    t = qorRadixCreate("inet.0", 32, nullptr, nullptr, 0);
+    for (int i = 0; i < 8; ++i) {
+      recs.push_back(std::make_unique<Rec>());
+      recs.back()->key = {10, 0, uint8_t(i), 0};
+      recs.back()->plen = 24;
+      ASSERT_TRUE(qorRadixInsert(t, &recs.back()->hdr, 24));
+    }
+  }
+  void TearDown() override { qorRadixDestroy(t); }
+
+  qor_radix_hdr *h(char c) { return &recs[size_t(c - 'A')]->hdr; }
+  char letter(const qor_radix_hdr *x) const { return char('A' + recOf(const_cast<qor_radix_hdr *>(x))->key[2]); }
+  void append(const std::string &letters) {
+    for (char c : letters) ASSERT_EQ(qorRadicalAppendToChangeList(t, h(c)), 1);
+  }
+  // Walks and returns the letters visited.
+  std::string walk(qor_radical_walker &w, uint32_t limit = UINT32_MAX, uint64_t ceiling = UINT64_MAX,
+                   int *stopped = nullptr) {
+    struct Ctx {
+      ChangeList *self;
+      std::string seen;
+    } ctx{this, {}};
+    int n = qorRadicalWalkChangeList(t, &w, [](qor_radix_hdr *x, void *a) {
+      auto *c = static_cast<Ctx *>(a);
+      c->seen += c->self->letter(x);
+      return 0;
+    }, 0, limit, ceiling, nullptr, stopped, &ctx);
+    if (n < 0) return "unregistered";
+    EXPECT_EQ(n, int(ctx.seen.size()));
+    return ctx.seen;
+  }
+
+  qor_radix_tree *t = nullptr;
+  std::vector<std::unique_ptr<Rec>> recs;
+};
+
+TEST_F(ChangeList, NewWalkerSeesEverythingBeforeAndAfterOnceInVersionOrder) {
+  append("ABCA");  // A moves behind C: the list is B2 C3 A4
+  EXPECT_EQ(h('A')->rtmh_version, 4u);
+  EXPECT_EQ(t->rdx_version, 4u);
+  qor_radical_walker w{};
+  ASSERT_EQ(qorRadicalWalkConstructor(t, &w), 0);
+  EXPECT_EQ(w.walker_version, 0u);
+  EXPECT_EQ(qorRadicalNextVersion(t, &w), 2u);
+  append("D");
+  EXPECT_EQ(walk(w), "BCAD");
+  EXPECT_EQ(w.walker_version, 5u);
+  EXPECT_EQ(qorRadicalNextVersion(t, &w), 0u) << "nothing pending";
+  EXPECT_EQ(walk(w), "");
+  append("CE");
+  EXPECT_EQ(walk(w), "CE");
+  qorRadicalWalkDestructor(t, &w);
+}
+
+// Budgets and ceilings, each row from a fresh walker over A1 B2 C3 D4.
+TEST_F(ChangeList, LimitAndCeiling) {
+  append("ABCD");
+  struct Row {
+    uint32_t limit;
+    uint64_t ceiling;
+    const char *seen;
+    int stopped;
+    uint64_t walkerVersion;
+    uint64_t next;
+  } rows[] = {
+      {10, UINT64_MAX, "ABCD", 0, 4, 0},
+      {4, UINT64_MAX, "ABCD", 0, 4, 0},  // the budget is exactly the work: ran out of work
+      {2, UINT64_MAX, "AB", 1, 2, 3},
+      {10, 2, "AB", 0, 2, 3},            // all up to the ceiling seen: walker at the ceiling
+      {1, 2, "A", 1, 1, 2},
+      {0, UINT64_MAX, "", 1, 0, 1},      // a zero budget visits nothing
+      {10, 0, "", 0, 0, 1},
+      {10, 99, "ABCD", 0, 4, 0},         // a ceiling above the tree's version is the tree's
+  };
+  for (const Row &r : rows) {
+    qor_radical_walker w{};
+    qorRadicalWalkConstructor(t, &w);
+    int stopped = -1;
+    EXPECT_EQ(walk(w, r.limit, r.ceiling, &stopped), r.seen) << r.limit << " " << r.ceiling;
+    EXPECT_EQ(stopped, r.stopped) << r.limit << " " << r.ceiling;
+    EXPECT_EQ(w.walker_version, r.walkerVersion) << r.limit << " " << r.ceiling;
+    EXPECT_EQ(qorRadicalNextVersion(t, &w), r.next) << r.limit << " " << r.ceiling;
+    qorRadicalWalkDestructor(t, &w);
+  }
+  EXPECT_EQ(t->rdl_walkers, 0u);
+}
+
+// Several walkers at different places while heads move to the tail and leave the tree.
+TEST_F(ChangeList, WalkersAtDifferentPlacesSeeMovesAndRemovals) {
+  append("ABCD");
+  qor_radical_walker w0{}, w2{}, w4{};
+  for (auto *w : {&w0, &w2, &w4}) qorRadicalWalkConstructor(t, w);
+  EXPECT_EQ(walk(w2, 2), "AB");
+  EXPECT_EQ(walk(w4), "ABCD");
+  append("B");  // behind w2 and w4: each sees it again
+  append("C");  // ahead of w2: it moves out of its way, still seen once
+  ASSERT_EQ(qorRadixRemove(t, h('D')), 0);  // gone from the list with the tree
+  EXPECT_EQ(h('D')->rdl_link.rdl_next, nullptr);
+  EXPECT_EQ(walk(w0), "ABC");
+  EXPECT_EQ(walk(w2), "BC");
+  EXPECT_EQ(walk(w4), "BC");
+  // The last head a walker passed may leave: the walker's place is its own.
+  ASSERT_EQ(qorRadixRemove(t, h('C')), 0);
+  append("E");
+  EXPECT_EQ(walk(w0), "E");
+  EXPECT_EQ(walk(w2), "E");
+  // Building a registered walker again puts it back at the start without a second registration.
+  EXPECT_EQ(t->rdl_walkers, 3u);
+  qorRadicalWalkConstructor(t, &w4);
+  EXPECT_EQ(t->rdl_walkers, 3u);
+  EXPECT_EQ(walk(w4), "ABE");
+  for (auto *w : {&w0, &w2, &w4}) EXPECT_EQ(qorRadicalWalkDestructor(t, w), 0);
+  EXPECT_EQ(qorRadicalWalkDestructor(t, &w0), 1) << "already gone";
+  EXPECT_EQ(qorRadicalNextVersion(t, &w0), 0u);
+  EXPECT_EQ(walk(w0), "unregistered");
+}
+
+// What the callback may do to the head it is given: move it, take it out and free it.
+TEST_F(ChangeList, CallbackMovesOrRemovesTheVisitedHead) {
+  append("ABCDE");
+  qor_radical_walker w{};
+  qorRadicalWalkConstructor(t, &w);
+  struct Ctx {
+    ChangeList *self;
+    std::string seen;
+  } ctx{this, {}};
+  auto cb = [](qor_radix_hdr *x, void *a) {
+    auto *c = static_cast<Ctx *>(a);
+    char l = c->self->letter(x);
+    c->seen += l;
+    if (l == 'B' || l == 'D') qorRadicalAppendToChangeList(c->self->t, x);  // re-appended: next walk
+    if (l == 'C') qorRadixRemove(c->self->t, x);
+    return 0;
+  };
+  int stopped = -1;
+  EXPECT_EQ(qorRadicalWalkChangeList(t, &w, cb, 0, 100, UINT64_MAX, nullptr, &stopped, &ctx), 5);
+  EXPECT_EQ(ctx.seen, "ABCDE");
+  EXPECT_EQ(stopped, 0);
+  EXPECT_EQ(w.walker_version, 5u) << "the ceiling was the version at the call";
+  ctx.seen.clear();
+  EXPECT_EQ(qorRadicalWalkChangeList(t, &w, cb, 0, 100, UINT64_MAX, nullptr, &stopped, &ctx), 2);
+  EXPECT_EQ(ctx.seen, "BD");
+  // A non-zero result stops after that head; the walker is past it.
+  auto stopAtFirst = [](qor_radix_hdr *, void *) { return 1; };
+  append("F");
+  append("G");
+  EXPECT_EQ(qorRadicalWalkChangeList(t, &w, stopAtFirst, 0, 100, UINT64_MAX, nullptr, &stopped, nullptr), 1);
+  EXPECT_EQ(stopped, 1);
+  EXPECT_EQ(walk(w), "DFG");
+  qorRadicalWalkDestructor(t, &w);
+}
+
+TEST_F(ChangeList, VersionSpaceWrapRestartsTheList) {
+  t->rdx_maxVersion = 3;
+  append("ABC");
+  qor_radical_walker w{}, late{};
+  qorRadicalWalkConstructor(t, &w);
+  qorRadicalWalkConstructor(t, &late);
+  EXPECT_EQ(walk(w), "ABC");
+  EXPECT_EQ(walk(late, 1), "A");
+  const uint64_t epoch = t->rdl_epoch;
+  EXPECT_EQ(qorRadicalAppendToChangeList(t, h('D')), 0) << "wrapped";
+  EXPECT_EQ(t->rdl_epoch, epoch + 1);
+  EXPECT_EQ(t->rdx_version, 1u);
+  EXPECT_EQ(h('D')->rtmh_version, 1u);
+  for (char c : std::string("ABC")) {
+    EXPECT_EQ(h(c)->rtmh_version, 0u);
+    EXPECT_EQ(h(c)->rdl_link.rdl_next, nullptr);
+  }
+  EXPECT_EQ(w.walker_version, 0u);
+  EXPECT_EQ(qorRadicalNextVersion(t, &w), 1u);
+  // The caller renumbers as the daemon does after a wrap: every head of the tree appended
+  // again, walking the nodes in pre-order.
+  t->rdx_maxVersion = 100;
+  t->rdx_version = 0;
+  for (qor_radix_node *n = qorRadixNodeFirst(t); n; n = qorRadixNodeNext(n))
+    if (!(n->rn_flags & QOR_RADIX_INTERNAL)) {
+      EXPECT_EQ(qorRadicalAppendToChangeList(t, n->rn_head), 1);
+    }
+  EXPECT_EQ(h('D')->rtmh_version, 4u);
+  EXPECT_EQ(walk(w), "ABCDEFGH");
+  EXPECT_EQ(walk(late), "ABCDEFGH");
+  // A wrap caused by the callback ends the walk under way.
+  t->rdx_maxVersion = 9;
+  append("C");  // version 9: the next append wraps
+  qor_radical_walker w3{};
+  qorRadicalWalkConstructor(t, &w3);
+  auto appendVisited = [](qor_radix_hdr *x, void *a) {
+    qorRadicalAppendToChangeList(static_cast<qor_radix_tree *>(a), x);
+    return 0;
+  };
+  int stopped = -1;
+  EXPECT_EQ(qorRadicalWalkChangeList(t, &w3, appendVisited, 0, 100, UINT64_MAX, nullptr, &stopped, t), 1);
+  EXPECT_EQ(stopped, 1);
+  EXPECT_EQ(w3.walker_version, 0u);
+  EXPECT_EQ(qorRadicalNextVersion(t, &w3), 1u);
+  for (auto *x : {&w, &late, &w3}) qorRadicalWalkDestructor(t, x);
+}
+
+TEST_F(ChangeList, VersionWalkFromAVersion) {
+  append("ABCDB");  // A1 C3 D4 B5
+  struct Row {
+    uint64_t from;
+    const char *seen;
+  } rows[] = {{0, "ACDB"}, {1, "CDB"}, {2, "CDB"}, {4, "B"}, {5, ""}, {9, ""}};
+  for (const Row &r : rows) {
+    struct Ctx {
+      ChangeList *self;
+      std::string seen;
+    } ctx{this, {}};
+    EXPECT_EQ(qorRadixVersionWalk(t, r.from, [](qor_radix_hdr *x, void *a) {
+      auto *c = static_cast<Ctx *>(a);
+      c->seen += c->self->letter(x);
+      return 0;
+    }, &ctx), 0);
+    EXPECT_EQ(ctx.seen, r.seen) << r.from;
+  }
+  EXPECT_EQ(t->rdl_walkers, 0u) << "the walk's own walker is gone";
+  EXPECT_EQ(qorRadixVersionWalk(t, 0, [](qor_radix_hdr *, void *) { return 7; }, nullptr), 7);
+}
+
+// Random appends, removes, inserts and walks by four walkers, whose callbacks move and remove
+// heads, against a model in which the list is a map from version to head and a walker is the
+// version of the last head it passed. Run with and without version wraps.
+class ChangeListModel : public ::testing::TestWithParam<uint64_t> {};
+
+TEST_P(ChangeListModel, WalkersSeeWhatTheModelPredicts) {
+  const uint64_t maxVersion = GetParam();
+  std::mt19937 rng{uint32_t(maxVersion)};
+  qor_radix_tree *t = qorRadixCreate("m", 32, nullptr, nullptr, 0);
+  t->rdx_maxVersion = maxVersion;
+  constexpr int kHeads = 40, kWalkers = 4;
+  std::vector<std::unique_ptr<Rec>> recs;
+  for (int i = 0; i < kHeads; ++i) {
+    recs.push_back(std::make_unique<Rec>());
+    recs.back()->key = {10, uint8_t(i), 0, 0};
+    recs.back()->plen = 16;
+  }
+  struct Model {
+    qor_radix_tree *t;
+    std::map<uint64_t, qor_radix_hdr *> list;
+    uint64_t version = 0;
+    uint64_t pos[kWalkers] = {};
+    bool wrapped = false;
+    void drop(qor_radix_hdr *x) {
+      for (auto it = list.begin(); it != list.end(); ++it)
+        if (it->second == x) {
+          list.erase(it);
+          return;
+        }
+    }
+    void append(qor_radix_hdr *x) {
+      int want = 1;
+      if (version >= t->rdx_maxVersion) {
+        list.clear();
+        version = 0;
+        for (auto &p : pos) p = 0;
+        wrapped = true;
+        want = 0;
+      } else {
+        drop(x);
+      }
+      list[++version] = x;
+      ASSERT_EQ(qorRadicalAppendToChangeList(t, x), want);
+      ASSERT_EQ(x->rtmh_version, version);
+    }
+    void remove(qor_radix_hdr *x) {
+      drop(x);
+      if (x->rdx_node) {
+        ASSERT_EQ(qorRadixRemove(t, x), 0);
+      } else {
+        qorRadicalRemoveFromChangeList(t, x);
+      }
+    }
+    uint64_t next(int w) const {
+      auto it = list.upper_bound(pos[w]);
+      return it == list.end() ? 0 : it->first;
+    }
+  } m{t, {}, 0, {}, false};
+
+  qor_radical_walker walkers[kWalkers] = {};
+  for (auto &w : walkers) qorRadicalWalkConstructor(t, &w);
+
+  struct Ctx {
+    Model *m;
+    std::mt19937 *rng;
+    std::vector<std::unique_ptr<Rec>> *recs;
+    int w;
+    uint64_t ceiling;
+    uint32_t limit;
+    uint32_t seen;
+  };
+  auto cb = [](qor_radix_hdr *x, void *a) -> int {
+    auto *c = static_cast<Ctx *>(a);
+    Model &m = *c->m;
+    auto it = m.list.upper_bound(m.pos[c->w]);
+    EXPECT_TRUE(it != m.list.end() && it->second == x && it->first <= c->ceiling && c->seen < c->limit);
+    if (it == m.list.end() || it->second != x) return 99;
+    m.pos[c->w] = it->first;
+    ++c->seen;
+    qor_radix_hdr *other = &(*c->recs)[(*c->rng)() % c->recs->size()]->hdr;
+    switch ((*c->rng)() % 10) {
+      case 0: case 1: case 2: m.append(x); break;
+      case 3: case 4: m.remove(x); break;
+      case 5: m.append(other); break;
+      case 6: m.remove(other); break;
+      case 7: return 1;
+      default: break;
+    }
+    return 0;
+  };
+
+  for (int op = 0; op < 4000; ++op) {
+    qor_radix_hdr *x = &recs[rng() % kHeads]->hdr;
+    switch (rng() % 6) {
+      case 0: case 1: ASSERT_NO_FATAL_FAILURE(m.append(x)); break;
+      case 2: ASSERT_NO_FATAL_FAILURE(m.remove(x)); break;
+      case 3:
+        if (!x->rdx_node) {
+          ASSERT_EQ(qorRadixInsert(t, x, 16), x);
+        }
+        break;
+      default: {
+        int w = int(rng() % kWalkers);
+        if (rng() % 20 == 0) {  // rebuilt: back to the start
+          qorRadicalWalkConstructor(t, &walkers[w]);
+          m.pos[w] = 0;
+        }
+        ASSERT_EQ(qorRadicalNextVersion(t, &walkers[w]), m.next(w));
+        uint32_t limit = rng() % 9;
+        uint64_t ceiling = rng() % 3 ? UINT64_MAX : m.version - std::min<uint64_t>(m.version, rng() % 4);
+        uint64_t eff = std::min(ceiling, m.version);
+        uint64_t before = walkers[w].walker_version;
+        m.wrapped = false;
+        Ctx ctx{&m, &rng, &recs, w, eff, limit, 0};
+        int stopped = -1;
+        int n = qorRadicalWalkChangeList(t, &walkers[w], cb, 0, limit, ceiling, nullptr, &stopped, &ctx);
+        ASSERT_EQ(n, int(ctx.seen));
+        if (m.wrapped) {
+          ASSERT_EQ(stopped, 1);
+          ASSERT_EQ(walkers[w].walker_version, 0u);
+        } else if (stopped == 0) {
+          uint64_t nx = m.next(w);
+          ASSERT_TRUE(nx == 0 || nx > eff) << "stopped with work left within the ceiling";
+          ASSERT_EQ(walkers[w].walker_version, std::max(before, eff));
+        } else {
+          ASSERT_TRUE(n > 0 || limit == 0);
+          if (n) {
+            ASSERT_EQ(walkers[w].walker_version, m.pos[w]);
+          }
+        }
+      }
+    }
+  }
+  for (auto &w : walkers) qorRadicalWalkDestructor(t, &w);
+  EXPECT_EQ(t->rdl_walkers, 0u);
+  qorRadixDestroy(t);
+}
+
+INSTANTIATE_TEST_SUITE_P(Versions, ChangeListModel, ::testing::Values(UINT64_MAX, 60, 7));
+
+}  // namespace

@@ -1,0 +1,234 @@
+// Behaviour of the tree that the daemon relies on by name: tree order, longest and
+// less-specific matches, find-or-insert, refusals, walks whose callback changes the tree, and
+// the node walk used for renumbering.
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "radix_test_util.h"
+
+using namespace radix_test;
+
+namespace {
+
+struct V4 {
+  uint8_t a, b, c, d;
+  unsigned len;
+};
+
+std::unique_ptr<Rec> rec4(V4 p) {
+  auto r = std::make_unique<Rec>();
+  r->key = {p.a, p.b, p.c, p.d};
+  r->plen = p.len;
+  return r;
+}
+
+std::string name4(const qor_radix_hdr *h) {
+  if (!h) return "none";
+  const Rec *r = reinterpret_cast<const Rec *>(h);
+  return keyText(r->key, 4, r->plen);
+}
+
+class RadixTree : public ::testing::Test {
+ protected:
+  void SetUp() override { t = qorRadixCreate("inet.0", 32, nullptr, nullptr, 0); }
+  void TearDown() override { qorRadixDestroy(t); }
+  Rec *add(V4 p) {
+    recs.push_back(rec4(p));
+    EXPECT_EQ(qorRadixInsert(t, &recs.back()->hdr, p.len), &recs.back()->hdr) << name4(&recs.back()->hdr);
+    return recs.back().get();
+  }
+  std::vector<std::string> inOrder() {
+    std::vector<std::string> v;
+    for (qor_radix_hdr *h = qorRadixGetNext(t, nullptr); h; h = qorRadixGetNext(t, h)) v.push_back(name4(h));
+    return v;
+  }
+  qor_radix_tree *t = nullptr;
+  std::vector<std::unique_ptr<Rec>> recs;
+};
+
+TEST_F(RadixTree, OrderIsByKeyThenShorterFirst) {
+  for (V4 p : {V4{11, 0, 0, 0, 8}, V4{10, 128, 0, 0, 9}, V4{10, 0, 1, 0, 24}, V4{10, 0, 0, 0, 16},
+               V4{10, 0, 0, 0, 8}, V4{0, 0, 0, 0, 0}, V4{10, 0, 1, 9, 32}})
+    add(p);
+  EXPECT_EQ(inOrder(), (std::vector<std::string>{"0.0.0.0/0", "10.0.0.0/8", "10.0.0.0/16", "10.0.1.0/24",
+                                                 "10.0.1.9/32", "10.128.0.0/9", "11.0.0.0/8"}));
+  // Next by a key that need not be in the tree.
+  struct Row {
+    V4 from;
+    const char *next;
+  } rows[] = {
+      {{0, 0, 0, 0, 0}, "10.0.0.0/8"},      {{10, 0, 0, 0, 12}, "10.0.0.0/16"},
+      {{10, 0, 0, 5, 32}, "10.0.1.0/24"},   {{10, 0, 1, 0, 24}, "10.0.1.9/32"},
+      {{10, 0, 1, 10, 32}, "10.128.0.0/9"}, {{10, 64, 0, 0, 10}, "10.128.0.0/9"},
+      {{10, 200, 0, 0, 16}, "11.0.0.0/8"},  {{11, 0, 0, 0, 8}, "none"},
+      {{9, 255, 0, 0, 16}, "10.0.0.0/8"},   {{200, 0, 0, 0, 4}, "none"}, {{12, 0, 0, 0, 4}, "10.0.0.0/8"},
+  };
+  for (const Row &r : rows) {
+    uint8_t k[4] = {r.from.a, r.from.b, r.from.c, r.from.d};
+    EXPECT_EQ(name4(qorRadixGetNext(t, k, r.from.len)), r.next) << int(k[0]) << "." << int(k[1]) << "/" << r.from.len;
+  }
+}
+
+TEST_F(RadixTree, BestExactAndLessSpecific) {
+  Rec *def = add({0, 0, 0, 0, 0});
+  Rec *r8 = add({10, 0, 0, 0, 8});
+  Rec *r16 = add({10, 0, 0, 0, 16});
+  Rec *r24 = add({10, 0, 1, 0, 24});
+  add({10, 128, 0, 0, 9});
+  add({10, 0, 1, 7, 32});
+  struct Row {
+    V4 q;
+    const char *best;
+    const char *exact;
+  } rows[] = {
+      {{10, 0, 1, 7, 32}, "10.0.1.7/32", "10.0.1.7/32"},
+      {{10, 0, 1, 8, 32}, "10.0.1.0/24", "none"},
+      {{10, 0, 1, 7, 31}, "10.0.1.0/24", "none"},  // lengths above the query's do not count
+      {{10, 0, 2, 1, 32}, "10.0.0.0/16", "none"},
+      {{10, 200, 0, 0, 32}, "10.128.0.0/9", "none"},
+      {{10, 200, 0, 0, 8}, "10.0.0.0/8", "10.0.0.0/8"},  // bits after the length are ignored
+      {{12, 0, 0, 0, 32}, "0.0.0.0/0", "none"},
+      {{10, 0, 1, 0, 24}, "10.0.1.0/24", "10.0.1.0/24"},
+      {{10, 0, 1, 0, 23}, "10.0.0.0/16", "none"},
+  };
+  for (const Row &r : rows) {
+    uint8_t k[4] = {r.q.a, r.q.b, r.q.c, r.q.d};
+    EXPECT_EQ(name4(qorRadixGetBest(t, k, r.q.len)), r.best) << int(k[1]) << "/" << r.q.len;
+    EXPECT_EQ(name4(qorRadixGetExact(t, k, r.q.len)), r.exact) << int(k[1]) << "/" << r.q.len;
+  }
+  EXPECT_EQ(qorRadixGetLessSpecific(t, &r24->hdr), &r16->hdr);
+  EXPECT_EQ(qorRadixGetLessSpecific(t, &r16->hdr), &r8->hdr);
+  EXPECT_EQ(qorRadixGetLessSpecific(t, &r8->hdr), &def->hdr);
+  EXPECT_EQ(qorRadixGetLessSpecific(t, &def->hdr), nullptr);
+  // Without the default route nothing covers 12/8.
+  ASSERT_EQ(qorRadixRemove(t, &def->hdr), 0);
+  uint8_t k12[4] = {12, 0, 0, 0};
+  EXPECT_EQ(qorRadixGetBest(t, k12, 32), nullptr);
+  EXPECT_EQ(qorRadixGetLessSpecific(t, &r8->hdr), nullptr);
+}
+
+TEST_F(RadixTree, InsertRefusalsAndAttach) {
+  Rec *a = add({10, 1, 0, 0, 16});
+  auto dup = rec4({10, 1, 99, 0, 16});  // same prefix, other host bits
+  EXPECT_EQ(qorRadixInsert(t, &dup->hdr, 16), nullptr);
+  EXPECT_EQ(qorRadixInsert(t, &a->hdr, 16), nullptr) << "already in a tree";
+  auto longer = rec4({10, 1, 0, 0, 33});
+  EXPECT_EQ(qorRadixInsert(t, &longer->hdr, 33), nullptr);
+  // Find-or-insert: the existing record comes back and the caller's is left alone.
+  EXPECT_EQ(qorRadixAttach(t, &dup->hdr, 16), &a->hdr);
+  EXPECT_EQ(dup->hdr.rdx_node, nullptr);
+  auto fresh = rec4({10, 2, 0, 0, 16});
+  EXPECT_EQ(qorRadixAttach(t, &fresh->hdr, 16), &fresh->hdr);
+  EXPECT_EQ(t->rdx_heads, 2u);
+  EXPECT_EQ(qorRadixRemove(t, &dup->hdr), 1) << "not in the tree";
+  EXPECT_EQ(qorRadixRemove(t, &fresh->hdr), 0);
+}
+
+TEST_F(RadixTree, CountersFollowNodesAndHeads) {
+  add({10, 0, 0, 0, 24});
+  EXPECT_EQ(t->rdx_nodes, 1u);
+  add({10, 0, 1, 0, 24});  // parts from the first at bit 23: one internal node
+  EXPECT_EQ(t->rdx_nodes, 3u);
+  add({10, 0, 0, 0, 23});  // takes the internal node's place: no new node
+  EXPECT_EQ(t->rdx_nodes, 3u);
+  EXPECT_EQ(t->rdx_heads, 3u);
+  EXPECT_EQ(t->rdx_nodeBytes, 3 * sizeof(qor_radix_node));
+  EXPECT_EQ(qorRadixBytes(t), sizeof(qor_radix_tree) + 3 * sizeof(qor_radix_node));
+  ASSERT_EQ(qorRadixRemove(t, &recs[2]->hdr), 0);  // the /23 still joins two: becomes internal
+  EXPECT_EQ(t->rdx_nodes, 3u);
+  ASSERT_EQ(qorRadixRemove(t, &recs[0]->hdr), 0);  // the internal node goes with it
+  EXPECT_EQ(t->rdx_nodes, 1u);
+}
+
+// The renumbering walk visits every node in pre-order and takes the heads of those that are
+// not internal: that is every head, in tree order.
+TEST_F(RadixTree, NodeWalkFindsEveryHeadOnce) {
+  std::mt19937 rng(5);
+  for (int i = 0; i < 300; ++i) {
+    auto r = rec4({10, uint8_t(rng() % 8), uint8_t(rng()), 0, 16 + unsigned(rng() % 9)});
+    r->key = maskBytes(r->key, r->plen);
+    if (qorRadixInsert(t, &r->hdr, r->plen)) recs.push_back(std::move(r));
+  }
+  std::vector<qor_radix_hdr *> heads;
+  uint64_t nodes = 0;
+  for (qor_radix_node *n = qorRadixNodeFirst(t); n; n = qorRadixNodeNext(n)) {
+    ++nodes;
+    if (!(n->rn_flags & QOR_RADIX_INTERNAL)) heads.push_back(n->rn_head);
+  }
+  EXPECT_EQ(nodes, t->rdx_nodes);
+  std::vector<qor_radix_hdr *> want;
+  for (qor_radix_hdr *h = qorRadixGetNext(t, nullptr); h; h = qorRadixGetNext(t, h)) want.push_back(h);
+  EXPECT_EQ(heads, want);
+  EXPECT_EQ(heads.size(), recs.size());
+}
+
+// The callback frees the head it is given, and changes the tree ahead of and behind the walk.
+TEST_F(RadixTree, WalkSurvivesCallbackThatChangesTheTree) {
+  qor_radix_tree *tree = t;
+  for (uint8_t i = 1; i <= 20; ++i) {
+    Rec *r = new Rec;
+    r->key = {10, 0, 0, i};
+    r->plen = 32;
+    ASSERT_TRUE(qorRadixInsert(tree, &r->hdr, 32));
+  }
+  struct Ctx {
+    qor_radix_tree *t;
+    std::vector<std::string> seen;
+    std::vector<std::unique_ptr<Rec>> added;
+  } ctx{tree, {}, {}};
+  auto cb = [](qor_radix_hdr *h, void *a) {
+    auto *c = static_cast<Ctx *>(a);
+    Rec *r = recOf(h);
+    c->seen.push_back(name4(h));
+    auto insert = [&](uint8_t d) {
+      c->added.push_back(rec4({10, 0, 0, d, 32}));
+      qorRadixInsert(c->t, &c->added.back()->hdr, 32);
+    };
+    if (r->key[3] == 5) {
+      uint8_t k6[4] = {10, 0, 0, 6}, k8[4] = {10, 0, 0, 8};
+      for (uint8_t *k : {k6, k8}) {
+        qor_radix_hdr *gone = qorRadixGetExact(c->t, k, 32);
+        qorRadixRemove(c->t, gone);
+        delete recOf(gone);
+      }
+      insert(200);  // ahead: visited
+      insert(0);    // behind: not visited
+    }
+    if (r->key[3] % 2 == 0 && r->key[3] <= 20) {  // free every even one on the spot
+      qorRadixRemove(c->t, h);
+      delete r;
+    }
+    return 0;
+  };
+  EXPECT_EQ(qorRadixWalk(tree, 0, cb, 0, &ctx), 0);
+  std::vector<std::string> want;
+  for (int i : {1, 2, 3, 4, 5, 7, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20, 200})
+    want.push_back("10.0.0." + std::to_string(i) + "/32");
+  EXPECT_EQ(ctx.seen, want);
+  // Left: the odd originals and the two added; free the originals.
+  std::vector<qor_radix_hdr *> left;
+  for (qor_radix_hdr *h = qorRadixGetNext(tree, nullptr); h; h = qorRadixGetNext(tree, h)) left.push_back(h);
+  EXPECT_EQ(left.size(), 10u + 2u);
+  for (qor_radix_hdr *h : left) {
+    qorRadixRemove(tree, h);
+    Rec *r = recOf(h);
+    bool mine = false;
+    for (auto &a : ctx.added) mine |= a.get() == r;
+    if (!mine) delete r;
+  }
+  EXPECT_EQ(tree->rdx_nodes, 0u);
+}
+
+TEST_F(RadixTree, WalkStopsOnNonZero) {
+  for (uint8_t i = 1; i <= 5; ++i) add({10, i, 0, 0, 16});
+  int calls = 0;
+  auto cb = [](qor_radix_hdr *, void *a) { return ++*static_cast<int *>(a) == 3 ? -1 : 0; };
+  EXPECT_EQ(qorRadixWalk(t, 0, cb, 0, &calls), -1);
+  EXPECT_EQ(calls, 3);
+}
+
+}  // namespace
