@@ -348,3 +348,26 @@ void rtmTaskMain(int argc, char **argv) {
     rtmMainLoopPass(st);
   }
 }
+
+void rtmFrameReset() {
+  if (rtmThreads > 0) qorThreadGroupDestroy(rtmThreads);
+  rtmThreads = -1;
+  rtmRibReset();
+  rtmClientReset();
+  qorSwpReset();
+  qorIpcReset();
+  qorTimerReset();
+  if (g_rxBuffer) rtmMemFreeNonPool(__FILE__, __LINE__, g_rxBuffer);
+  g_rxBuffer = nullptr;
+  rtmMemPoolFree();
+  rtmIpcKey = -1;
+  rtm_swp_pipe = -1;
+  rtmIfmRegState = rtmChmRegState = rtmBrmRegState = 0;
+  rtmCfgDnldInProg = g_rtmisInitialCfgDone = 0;
+  rtmdebug = 0;
+  rtmExitRequested = 0;
+  rtmLoopStats = {};
+  rtmreqqcnt = rtmtmrqcnt = rtmrspqcnt = rtmreqqcnterr = rtmtmrqcnterr = rtmrspqcnterr = rtmseltoerr = 0;
+  memset(rtmTicUpdate, 0, sizeof rtmTicUpdate);
+  memset(rtmTicWake, 0, sizeof rtmTicWake);
+}

@@ -1,0 +1,284 @@
+// The frame's rules, driven in-process through the real sockets: the message budget and the
+// yield, the order of the two queues, the sequence check of client messages, bulk
+// configuration holding the main task, and the renumbering after a version wrap.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "clients/rtm_client.h"
+#include "frame/rtm_frame.h"
+#include "frame/rtm_mem.h"
+#include "ipc/qor_ipc.h"
+#include "log/qor_log.h"
+#include "rib/rtm_rib.h"
+#include "rtm/rtm_msgs.h"
+#include "rtm/rtm_wire.h"
+#include "swp/qor_swp.h"
+#include "tests/support/rtmd_process.h"
+#include "timer/qor_timer.h"
+
+using rtm::ld32;
+using rtm::st32;
+
+namespace {
+constexpr uint32_t kPeerSvce = 901;
+std::vector<std::string> g_order;
+
+class Frame : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    qorLogReset();
+    qorLogSetEcho(false);
+    qorClockUseManual(true);
+    ASSERT_EQ(qorIpcSetRunDir(dir.path().c_str()), 0);
+    rtmClkRate = sysClkRateGet();
+    rtmThreads = qorThreadInit(&rtmThreadMain, 0);
+    ASSERT_GT(rtmThreads, 0);
+    ASSERT_EQ(rtmTaskInit(1), 0);
+    // Registrations are not what these tests are about.
+    rtmIfmRegState = rtmChmRegState = 1;
+    buffer.assign(RTM_IPC_BUF_SIZE, 0);
+    st.buffer = buffer.data();
+    st.budget = rtmQueueReadMax;
+    st.last = qorTickGet();
+    peer = qorIpcOpen(kPeerSvce, 0);
+    ASSERT_GE(peer, 0);
+    g_order.clear();
+  }
+  void TearDown() override {
+    rtmFrameReset();
+    qorClockUseManual(false);
+    qorLogSetEcho(true);
+  }
+
+  // A plain message of `mtype` from the peer to RTM's request queue.
+  void send(uint32_t mtype, uint32_t len = 64, const std::vector<std::pair<size_t, uint32_t>> &words = {}) {
+    std::vector<uint8_t> msg(len, 0);
+    st32(msg.data(), IPC_OFF_MTYPE, mtype);
+    st32(msg.data(), IPC_OFF_MLEN, len);
+    for (auto &[off, v] : words) st32(msg.data(), off, v);
+    ASSERT_TRUE(rtmtest::addressMessage(msg.data(), Key_getReqQueue(peer), RTM_SVCE, 0));
+    ASSERT_EQ(qorIpcSend(Key_getReqQueue(peer), msg.data(), len), 0);
+  }
+  // The next message the peer received, or an empty vector.
+  std::vector<uint8_t> peerRecv() {
+    std::vector<uint8_t> b(RTM_IPC_BUF_SIZE);
+    int n = qorIpcRecv(Key_getReqQueue(peer), b.data(), b.size(), QOR_IPC_NOWAIT, 0, 0);
+    b.resize(n > 0 ? static_cast<size_t>(n) : 0);
+    return b;
+  }
+
+  rtmtest::TempDir dir;
+  std::vector<uint8_t> buffer;
+  RtmLoopState st;
+  int peer = -1;
+};
+
+TEST_F(Frame, AHundredAndFiftyMessagesThenOneYieldAndTheBudgetIsReloaded) {
+  // The kernel holds ten datagrams per socket, so the peer feeds them as the loop drains them.
+  for (int i = 0; i < 150; ++i) {
+    if (i % 8 == 0)
+      for (int k = 0; k < 8 && i + k < 150; ++k) send(MT_RTM_IGNORED);
+    rtmMainLoopPass(st);
+    EXPECT_EQ(rtmLoopStats.yields, i == 149 ? 1u : 0u) << "after message " << i + 1;
+  }
+  EXPECT_EQ(rtmLoopStats.handled, 150u);
+  EXPECT_EQ(st.budget, rtmQueueReadMax);
+  // Nobody else was runnable, so the next receive may wait.
+  EXPECT_EQ(st.wait, 1);
+  send(MT_RTM_IGNORED);
+  rtmMainLoopPass(st);
+  EXPECT_EQ(st.budget, rtmQueueReadMax - 1);
+  EXPECT_EQ(st.wait, 0);
+  // An empty receive also reloads the budget and yields.
+  rtmMainLoopPass(st);
+  EXPECT_EQ(rtmLoopStats.yields, 2u);
+  EXPECT_EQ(st.budget, rtmQueueReadMax);
+  EXPECT_EQ(qorLogCount(0x148032), 0u);  // 0x07D7 is dropped without a word
+}
+
+TEST_F(Frame, TimerQueueIsServedBeforeRequestQueueInOneCall) {
+  rtmFrameSetHandler(MT_CFG_START_BLK_CFG_NOTIF, [](uint8_t *, uint32_t, rt_client *) {
+    g_order.push_back("request");
+    return 0;
+  });
+  send(MT_CFG_START_BLK_CFG_NOTIF);
+  vx2bsdTimer_t t = vx2bsdTimerCreate();
+  vx2bsdTimerStart(t, 1, [](void *) { g_order.push_back("timer"); }, nullptr, 0);
+  qorClockAdvance(static_cast<uint64_t>(sysClkRateGet()));
+  EXPECT_EQ(rtmRecvFromAllQ(buffer.data(), 0), 0);
+  EXPECT_EQ(g_order, (std::vector<std::string>{"timer", "request"}));
+  EXPECT_EQ(rtmtmrqcnt, 1u);
+  EXPECT_EQ(rtmreqqcnt, 1u);
+  vx2bsdTimerDelete(t);
+}
+
+TEST_F(Frame, SequenceCheckOfClientMessages) {
+  static int handled;
+  rtmFrameSetHandler(MT_RTM_UPD_ROUTE, [](uint8_t *, uint32_t, rt_client *) { return ++handled, 0; });
+  struct Case {
+    const char *what;
+    uint32_t cid, expected, seq;
+    bool runs;
+    int acked;  // 1 yes, 0 no, -1 either (a gap may be answered with the last good sequence)
+    size_t events148033, events148019;
+  } cases[] = {
+      {"expected sequence", 5, 1, 1, true, 1, 0, 0},
+      {"repeat is acknowledged again, silently", 5, 5, 3, false, 1, 0, 0},
+      {"gap at expected 8 is silent", 5, 8, 11, false, -1, 0, 0},
+      {"gap at expected 9 is logged", 5, 9, 12, false, -1, 1, 0},
+      {"unknown client is neither handled nor acknowledged", 6, 1, 1, false, 0, 0, 1},
+  };
+  rt_client &rtc = rt_client_tbl[RTM_IPV4UNI_AFINDEX][5];
+  rtc.rtc_state = 1;
+  rtc.rtc_cid = 5;
+  rtc.rtc_proto = RTM_PROTO_OSPF;
+  memcpy(rtc.rtc_name, "ospf", 5);
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.what);
+    handled = 0;
+    qorLogClearRecent();
+    rtc.rtc_expSeq[1] = c.expected;
+    send(MT_RTM_UPD_ROUTE, 152, {{SWP_OFF_QUEUE, 77}, {SWP_OFF_SEQ, c.seq}, {140, c.cid}});
+    ASSERT_EQ(rtmRecvFromAllQ(buffer.data(), 0), 0);
+    EXPECT_EQ(handled, c.runs ? 1 : 0);
+    EXPECT_EQ(rtc.rtc_expSeq[1], c.runs ? c.expected + 1 : c.expected);
+    std::vector<uint8_t> ack = peerRecv();
+    bool isAck = !ack.empty() && ld32(ack.data(), IPC_OFF_MTYPE) == MT_SWP_ACK;
+    if (c.acked >= 0) EXPECT_EQ(isAck, c.acked == 1);
+    if (isAck && c.acked == 1) {
+      EXPECT_EQ(ld32(ack.data(), SWP_OFF_QUEUE), 77u);
+      EXPECT_EQ(ld32(ack.data(), SWP_OFF_ACK_WORD), 0u);  // the family, put in place of the type
+    }
+    EXPECT_EQ(qorLogCount(0x148033), c.events148033);
+    EXPECT_EQ(qorLogCount(0x148019), c.events148019);
+  }
+}
+
+TEST_F(Frame, BulkConfigurationHoldsTheMainTaskButWorkersStillRun) {
+  send(MT_CFG_START_BLK_CFG_NOTIF);
+  rtmMainLoopPass(st);
+  ASSERT_EQ(rtmCfgDnldInProg, 1u);
+  uint64_t yields = rtmLoopStats.yields;
+  QorThreadStats before{}, after{};
+  qorThreadGetStats(rtmThreads, rtmThreadRteDn, &before);
+  qorThreadResume(rtmThreads, rtmThreadRteDn);
+  send(MT_RTM_IGNORED);
+  rtmMainLoopPass(st);  // handles the message; the worker runs while the main task polls
+  rtmMainLoopPass(st);  // nothing more: the budget reloads, but no yield
+  EXPECT_EQ(rtmLoopStats.yields, yields);
+  EXPECT_EQ(st.wait, 1);
+  EXPECT_EQ(st.budget, rtmQueueReadMax);
+  qorThreadGetStats(rtmThreads, rtmThreadRteDn, &after);
+  EXPECT_GT(after.turns, before.turns);
+  send(MT_CFG_END_BLK_CFG_NOTIF);
+  rtmMainLoopPass(st);
+  rtmMainLoopPass(st);
+  EXPECT_EQ(rtmCfgDnldInProg, 0u);
+  EXPECT_EQ(rtmLoopStats.yields, yields + 1);
+}
+
+TEST_F(Frame, UnansweredRegistrationsAreRetriedOnceASecondAndBrmAlways) {
+  rtmIfmRegState = 0;
+  uint64_t brm = rtmLoopStats.brmCalls;
+  st.last = qorTickGet();
+  st.wait = 0;
+  rtmMainLoopPass(st);
+  EXPECT_EQ(rtmLoopStats.regRetries, 0u);  // not a whole second yet
+  for (int s = 1; s <= 3; ++s) {
+    qorClockAdvance(static_cast<uint64_t>(sysClkRateGet()));
+    st.wait = 0;  // no real sleep in select: the clock is the test's
+    rtmMainLoopPass(st);
+  }
+  EXPECT_EQ(rtmLoopStats.regRetries, 3u);
+  rtmIfmRegState = 1;
+  for (int s = 1; s <= 2; ++s) {
+    qorClockAdvance(static_cast<uint64_t>(sysClkRateGet()));
+    st.wait = 0;
+    rtmMainLoopPass(st);
+  }
+  EXPECT_EQ(rtmLoopStats.regRetries, 3u);
+  // The platform shim's registration is never confirmed, so it is called every second.
+  EXPECT_EQ(rtmLoopStats.brmCalls - brm, 5u);
+}
+
+// ---- RIB table sets and versions ---------------------------------------------------------
+
+rt_head *newHead(uint8_t af, uint8_t first, uint8_t plen) {
+  auto *h = static_cast<rt_head *>(calloc(1, rtmHeadSize(af)));
+  h->rtmh_prefix[0] = first;
+  h->rtmh_prefixlen = plen;
+  h->rtmh_rdx.rtmh_key = h->rtmh_prefix;
+  return h;
+}
+
+int countChanges(qor_radix_tree *tree) {
+  qor_radical_walker w{};
+  qorRadicalWalkConstructor(tree, &w);
+  int n = qorRadicalWalkChangeList(tree, &w, [](qor_radix_hdr *, void *) { return 0; }, 1000, nullptr);
+  qorRadicalWalkDestructor(tree, &w);
+  return n;
+}
+
+TEST_F(Frame, VersionWrapRestartsClientsAndTreeAndListsEveryHeadAgain) {
+  qor_radix_tree *tree = rtmRibGetTree(RTM_IPV4UNI_AFINDEX, 0);
+  ASSERT_NE(tree, nullptr);
+  rt_client &rtc = rt_client_tbl[RTM_IPV4UNI_AFINDEX][3];
+  rtc.rtc_state = 1;
+  auto *rvi = static_cast<rtClientVrfInfo *>(rtmMemAllocNonPool(__FILE__, __LINE__, sizeof(rtClientVrfInfo), 17));
+  rtc.rtc_vrf[0] = rvi;
+  tree->rdx_maxVersion = 3;
+  std::vector<rt_head *> heads;
+  for (uint8_t i = 1; i <= 3; ++i) {
+    heads.push_back(newHead(0, static_cast<uint8_t>(10 * i), 8));
+    ASSERT_NE(qorRadixInsert(tree, &heads.back()->rtmh_rdx, 8), nullptr);
+    EXPECT_EQ(updateRibVer(0, 0, tree, heads.back()), 1);
+  }
+  rvi->rvi_version = 3;
+  rtmTicUpdate[0][0] = 0;
+  EXPECT_EQ(tree->rdx_version, 3u);
+  updateRibVer(0, 0, tree, heads[0]);  // the fourth version does not exist
+  EXPECT_EQ(rvi->rvi_version, 0u);
+  EXPECT_EQ(countChanges(tree), 3);  // every head, once
+  EXPECT_EQ(rtmTicUpdate[0][0], 1u);
+  for (rt_head *h : heads) {
+    qorRadixRemove(tree, &h->rtmh_rdx);
+    free(h);
+  }
+}
+
+TEST_F(Frame, TableSetLifecycle) {
+  struct Case {
+    const char *what;
+    uint32_t vrf;
+    int result;
+    uint32_t event;
+  };
+  ASSERT_EQ(rtmRibRtInetAllocate(7), 0);
+  Case cases[] = {
+      {"first create", 7, 0, 0},
+      {"second create of a VRF in use", 7, 1, 0x148043},
+      {"create above the last VRF", 513, 1, 0x14803F},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.what);
+    qorLogClearRecent();
+    EXPECT_EQ(rtmRibCreate(c.vrf, "inet.7", "inet.7c", "inet.7p", "inet.7g", "inet.7m", "inet.7s"), c.result);
+    if (c.event) EXPECT_EQ(qorLogCount(c.event), 1u);
+  }
+  EXPECT_NE(rtmConRibGetTree(2, 7), nullptr);
+  EXPECT_EQ(rtmPollRibGetTree(3, 7), nullptr);
+  EXPECT_STREQ(rt_inet_tbl[0]->mainName[0], "inet.0");
+  EXPECT_STREQ(rt_inet_tbl[0]->gbcName[2], "inet.0g");
+  qorLogClearRecent();
+  EXPECT_EQ(rtmRibDelete(0), 1);  // the default VRF stays
+  EXPECT_EQ(qorLogCount(0x14803F), 1u);
+  EXPECT_EQ(rtmRibDelete(7), 0);
+  EXPECT_EQ(rtmRibGetTree(0, 7), nullptr);  // a deleted VRF does not exist for callers
+  EXPECT_TRUE(qorLogSaw("rib (7) not in use"));
+}
+
+}  // namespace
