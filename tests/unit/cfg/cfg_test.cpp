@@ -167,17 +167,6 @@ TEST_F(CfgTest, MalformedRecordsAndInjectedFailuresStoreNothing) {
   EXPECT_EQ(strlen(r.text), QOR_CFG_TEXT_MAX - 1) << "cut to the field";
 }
 
-TEST_F(CfgTest, RecordHelpersWriteTheFixedOffsets) {
-  qorCfgRecord r = record({0x0102, 0x0304, 174, "KEY", "ip route 10.0.0.0/8 1.1.1.1"});
-  const auto *b = reinterpret_cast<const uint8_t *>(&r);
-  EXPECT_EQ(memcmp(b, "KEY", 3), 0);
-  EXPECT_EQ(rtm::ld32(b, 256), 174u);
-  EXPECT_EQ(rtm::ld16(b, 260), 0x0102);
-  EXPECT_EQ(rtm::ld16(b, 262), 0x0304);
-  EXPECT_EQ(rtm::ld32(b, 264), 3u);
-  EXPECT_STREQ(reinterpret_cast<const char *>(b + 268), "ip route 10.0.0.0/8 1.1.1.1");
-}
-
 TEST_F(CfgTest, SyncRecordCarriesModeSubsystemAndTextWithNoForARemoval) {
   struct Case {
     const char *what;

@@ -263,13 +263,4 @@ TEST_F(QorMemTest, RandomAllocAndFreeAgreeWithAModel) {
                                                               [&](auto &e) { return e.second == i; })));
 }
 
-TEST_F(QorMemTest, ShowListsEveryPoolWithItsCounters) {
-  ASSERT_EQ(qorMC_M_memPoolCreate("RTM_TEST_POOL", kFirst, part, 48), 0);
-  qorMC_M_memBlockAlloc(kFirst, 48, 0, nullptr, 0);
-  std::string text = qorMemShow();
-  EXPECT_NE(text.find("RTM_TEST_POOL"), std::string::npos);
-  EXPECT_NE(text.find("0x70000"), std::string::npos);
-  EXPECT_NE(text.find("system heap"), std::string::npos);
-}
-
 }  // namespace
