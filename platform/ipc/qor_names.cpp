@@ -66,9 +66,13 @@ std::string runDir() { return qorIpcGetRunDir(); }
 
 bool ensureRunDir() {
   std::string dir = runDir();
-  // Only the run directory's owner may talk to the daemon: create it private, and insist
-  // that the ipc folder inside, which is ours alone, is private too.
-  if (mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) return false;
+  // Only the run directory's owner may talk to the daemon: create it (and any missing
+  // parents) private, and insist that the ipc folder inside, which is ours alone, is private.
+  for (size_t pos = 1; pos <= dir.size(); ++pos) {
+    if (pos != dir.size() && dir[pos] != '/') continue;
+    std::string part = dir.substr(0, pos);
+    if (mkdir(part.c_str(), 0700) != 0 && errno != EEXIST) return false;
+  }
   std::string ipc = dir + "/ipc";
   if (mkdir(ipc.c_str(), 0700) != 0 && errno != EEXIST) return false;
   struct stat st;

@@ -138,22 +138,26 @@ TEST_F(IpcTest, EndpointHeldByALiveProcessCannotBeOpenedTwice) {
 }
 
 TEST_F(IpcTest, RunDirectoryAndSocketsArePrivate) {
+  qorIpcSetRunDir((dir.path() + "/nested/run").c_str());
   int key = qorIpcOpen(76, 0);
   ASSERT_GT(key, 0);
   ASSERT_EQ(qorIpcTmrOpen(76, 0), 0);
+  const std::string run = dir.path() + "/nested/run";
   struct stat st;
-  ASSERT_EQ(stat((dir.path() + "/ipc").c_str(), &st), 0);
-  EXPECT_EQ(st.st_mode & 0777, 0700u);
+  for (const std::string &d : {dir.path() + "/nested", run, run + "/ipc"}) {
+    ASSERT_EQ(stat(d.c_str(), &st), 0) << d;
+    EXPECT_EQ(st.st_mode & 0777, 0700u) << d;
+  }
   for (const char *f : {"76.0", "76.0.tmr", "76.0.rsp"}) {
     SCOPED_TRACE(f);
-    ASSERT_EQ(stat(dir.socket(f).c_str(), &st), 0);
+    ASSERT_EQ(stat((run + "/ipc/" + f).c_str(), &st), 0);
     EXPECT_TRUE(S_ISSOCK(st.st_mode));
     EXPECT_EQ(st.st_mode & 0777, 0600u);
   }
   EXPECT_NE(Key_getTmrQueue(key), 0);
   EXPECT_EQ(qorIpcTmrOpen(99, 0), -1);  // no key for that name
   ASSERT_EQ(qorIpcClose(key), 0);
-  EXPECT_NE(stat(dir.socket("76.0.tmr").c_str(), &st), 0);
+  EXPECT_NE(stat((run + "/ipc/76.0.tmr").c_str(), &st), 0);
 }
 
 TEST_F(IpcTest, SendAndReplyBetweenTwoKeys) {
