@@ -267,7 +267,9 @@ TEST_F(Frame, TableSetLifecycle) {
     SCOPED_TRACE(c.what);
     qorLogClearRecent();
     EXPECT_EQ(rtmRibCreate(c.vrf, "inet.7", "inet.7c", "inet.7p", "inet.7g", "inet.7m", "inet.7s"), c.result);
-    if (c.event) EXPECT_EQ(qorLogCount(c.event), 1u);
+    if (c.event) {
+      EXPECT_EQ(qorLogCount(c.event), 1u);
+    }
   }
   EXPECT_NE(rtmConRibGetTree(2, 7), nullptr);
   EXPECT_EQ(rtmPollRibGetTree(3, 7), nullptr);
