@@ -4,10 +4,13 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <sys/ioctl.h>
+#include <unistd.h>
 #include <cstring>
 #include <string>
 #include <vector>
 
+#include "chassis/qor_chassis.h"
 #include "clients/rtm_client.h"
 #include "frame/rtm_frame.h"
 #include "frame/rtm_mem.h"
@@ -283,4 +286,58 @@ TEST_F(Frame, TableSetLifecycle) {
   EXPECT_TRUE(qorLogSaw("rib (7) not in use"));
 }
 
+}  // namespace
+
+namespace {
+// ---- Send paths and the TIC pipe ---------------------------------------------------------
+
+TEST_F(Frame, SendToAnEndpointThatDoesNotExistFailsWithoutALogLine) {
+  uint8_t msg[64] = {};
+  qorLogClearRecent();
+  EXPECT_EQ(rtmSendMessage(0x3216, msg, sizeof msg, qor_getQueueId(4242, 0, 1), 4242, 0), 1);
+  EXPECT_TRUE(qorLogRecent().empty());
+  EXPECT_EQ(rtmSendIpc(0x3216, 4242, 0), -1);
+  // To a live endpoint the header names us as the source, so the answer finds its way back.
+  ASSERT_EQ(rtmSendMessage(0x3216, msg, sizeof msg, qor_getQueueId(kPeerSvce, 0, 1), kPeerSvce, 0), 0);
+  std::vector<uint8_t> got = peerRecv();
+  ASSERT_EQ(got.size(), sizeof msg);
+  EXPECT_EQ(ld32(got.data(), IPC_OFF_MTYPE), 0x3216u);
+  EXPECT_EQ(ld32(got.data(), IPC_OFF_SRC_SVCE), qor_getQueueId(RTM_SVCE, 0, 1));
+  ASSERT_EQ(rtm_notify_bgp_convergence(0x3528, kPeerSvce, 0, 77), 0);
+  got = peerRecv();
+  ASSERT_EQ(got.size(), 64u);
+  EXPECT_EQ(ld32(got.data(), IPC_HDR_LEN), 77u);
+}
+
+TEST_F(Frame, TicPipeDropsWakeUpsWhenNearlyFullAndReopensAnExistingPipe) {
+  int fd = rtmTicCreatePipe("/qor/pipe/rtmticpipe");
+  ASSERT_GE(fd, 0);
+  int again = rtmTicCreatePipe("/qor/pipe/rtmticpipe");  // the name exists already
+  ASSERT_GE(again, 0);
+  for (int i = 0; i < 40; ++i) rtmTicWritePipe(fd, static_cast<uint32_t>(i));
+  int waiting = 0;
+  ASSERT_EQ(ioctl(fd, FIONREAD, &waiting), 0);
+  EXPECT_EQ(waiting, 92);  // 23 words: the 23rd went in at 88 bytes, none after 91
+  EXPECT_EQ(rtmTicProcessPipe(fd), 0);
+  ASSERT_EQ(ioctl(fd, FIONREAD, &waiting), 0);
+  EXPECT_EQ(waiting, 88);
+  close(fd);
+  close(again);
+}
+}  // namespace
+
+namespace {
+TEST_F(Frame, ChassisRegistrationThatFailedIsRetriedUntilItSucceeds) {
+  rtmChmRegState = 0;
+  qorChassisModel().chmRegisterFailures = 4;  // one attempt a second: the fifth succeeds
+  int calls = qorChassisModel().chmRegisterCalls;
+  for (int s = 1; s <= 8 && rtmChmRegState == 0; ++s) {
+    qorClockAdvance(static_cast<uint64_t>(sysClkRateGet()));
+    st.wait = 0;
+    rtmMainLoopPass(st);
+  }
+  EXPECT_EQ(rtmChmRegState, 1u);
+  EXPECT_EQ(qorChassisModel().chmRegisterCalls - calls, 5);
+  qorChassisReset();
+}
 }  // namespace
