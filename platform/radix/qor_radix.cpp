@@ -12,12 +12,14 @@
 // read a head's key only when those 32 bits do not decide.
 //
 // Accelerator. At 1M prefixes a lookup from the root passes some 20 nodes, most of them cache
-// misses. Once a tree holds rdx_accelMin heads it builds a direct table on the first 16 key
-// bits: per block, the topmost node of length >= 16 in the block (every prefix of 16 bits or
-// more in the block lies under it) and the longest prefix shorter than 16 bits that covers the
-// block. Exact and best lookups and inserts of 16 bits or more start there. The table is kept
-// up to date by the few places that change the shape: a new node, a node that leaves, and the
-// short prefixes, which fill ranges of blocks.
+// misses. Once a tree holds rdx_accelMin heads it builds a direct table on the first S key bits
+// (S from 16 to 20, growing with the tree so that a block holds about one prefix). Per block it
+// keeps the topmost node of length >= S in the block (every prefix of S bits or more in the
+// block lies under it) or, for an empty block, a node above it from which an insert can start;
+// and the longest prefix shorter than S that covers the block. Exact and best lookups of S bits
+// or more, and inserts, start there: a lookup costs the table and a node or two. The table is
+// kept up to date by the few places that change the shape (a new node, a node that leaves) and
+// by the short prefixes, which fill ranges of blocks.
 //
 // Node memory comes from the tree's allocator, which may fail: an insert takes its one or two
 // nodes before touching the tree, so a failure leaves the tree as it was. Remove never
@@ -26,9 +28,12 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <new>
+
+#include <sys/mman.h>
 
 #include "log/qor_log.h"
 #include "radix/qor_radix_list.h"
@@ -41,16 +46,16 @@ qor_radix_node g_walkerMark{};
 qor_radix_node g_anchorMark{};
 }  // namespace qor_radix_detail
 
-// Direct table on the first kAccelBits bits of the key.
-constexpr unsigned kAccelBits = 16;
-constexpr size_t kAccelSlots = size_t(1) << kAccelBits;
-
+// Direct table on the first `bits` bits of the key. A slot holds the block's topmost node, or,
+// with bit 0 set, a node above the block whose prefix covers it (where an insert into the empty
+// block starts), or 0 (start at the root). The short prefixes are in an array of their own, so
+// the array every operation reads stays as small as it can be.
 struct QorRadixAccel {
-  struct Slot {
-    qor_radix_node *top;        // topmost node of length >= kAccelBits in the block, or null
-    qor_radix_hdr *shortBest;   // longest head shorter than kAccelBits covering the block
-  };
-  Slot slot[kAccelSlots];
+  unsigned bits;
+  uint64_t growAt, shrinkAt;   // head counts at which the stride is reconsidered
+  size_t bytes;                // of both arrays, for the accounting
+  uintptr_t *slot;
+  qor_radix_hdr **shortBest;   // longest head shorter than `bits` covering the block
 };
 
 namespace {
@@ -128,25 +133,51 @@ inline unsigned nodeBit(const qor_radix_tree *t, const qor_radix_node *n, unsign
   return bitAt(refKey(t, n), pos);
 }
 
-inline unsigned blockOf(uint32_t key32) { return key32 >> (32 - kAccelBits); }
+inline size_t blockOf(const QorRadixAccel *a, uint32_t key32) { return key32 >> (32 - a->bits); }
+
+constexpr uintptr_t kHint = 1;
+
+// The block's topmost node, or null when the block is empty.
+inline qor_radix_node *slotTop(uintptr_t v) {
+  return v & kHint ? nullptr : reinterpret_cast<qor_radix_node *>(v);
+}
+// Where an insert into the block starts: its topmost node or the node above it; null: the root.
+inline qor_radix_node *slotStart(uintptr_t v) { return reinterpret_cast<qor_radix_node *>(v & ~kHint); }
+inline uintptr_t hintOf(const qor_radix_node *n) { return n ? reinterpret_cast<uintptr_t>(n) | kHint : 0; }
 
 // ---- Node memory ----
 
-qor_radix_node *newNode(qor_radix_tree *t, unsigned bit, uint32_t key32, qor_radix_hdr *head) {
-  void *m = t->rdx_alloc(sizeof(qor_radix_node));
-  if (!m) {
-    ++t->rdx_allocFails;
-    return nullptr;
+// The nodes an insert may need (two at most), taken from the allocator before the search so
+// that the allocator's own cache misses overlap with the search's. A failed allocation fails
+// the insert only if the node turns out to be needed; what is not used goes back.
+class NodeReserve {
+ public:
+  explicit NodeReserve(qor_radix_tree *t) : t_(t) {
+    for (void *&m : mem_)
+      if (!(m = t->rdx_alloc(sizeof(qor_radix_node)))) ++t->rdx_allocFails;
   }
-  auto *n = new (m) qor_radix_node{};
-  n->rn_bit = uint8_t(bit);
-  n->rn_key32 = mask32(key32, bit);
-  n->rn_head = head;
-  n->rn_flags = head ? 0 : QOR_RADIX_INTERNAL;
-  ++t->rdx_nodes;
-  t->rdx_nodeBytes += sizeof(qor_radix_node);
-  return n;
-}
+  ~NodeReserve() {
+    for (void *m : mem_)
+      if (m) t_->rdx_free(m);
+  }
+  bool has(unsigned n) const { return (mem_[0] != nullptr) + (mem_[1] != nullptr) >= int(n); }
+  qor_radix_node *take(unsigned bit, uint32_t key32, qor_radix_hdr *head) {
+    void *&m = mem_[0] ? mem_[0] : mem_[1];
+    auto *n = new (m) qor_radix_node{};
+    m = nullptr;
+    n->rn_bit = uint8_t(bit);
+    n->rn_key32 = mask32(key32, bit);
+    n->rn_head = head;
+    n->rn_flags = head ? 0 : QOR_RADIX_INTERNAL;
+    ++t_->rdx_nodes;
+    t_->rdx_nodeBytes += sizeof(qor_radix_node);
+    return n;
+  }
+
+ private:
+  qor_radix_tree *t_;
+  void *mem_[2];
+};
 
 void freeNode(qor_radix_tree *t, qor_radix_node *n) {
   --t->rdx_nodes;
@@ -208,52 +239,183 @@ qor_radix_node *nextAfterKey(const qor_radix_tree *t, const Key &k, unsigned len
 }
 
 // ---- Accelerator ----
+//
+// The stride follows the size of the tree, so that a block holds about one prefix: 16 bits at
+// rdx_accelMin heads, one more bit each time the tree doubles, at most 20, which keeps the
+// table between 11 and 23 bytes per prefix. It is rebuilt (O(heads)) only when the tree has
+// grown or shrunk by a factor of about two past the point where it was built.
 
-inline void accelNewNode(qor_radix_tree *t, qor_radix_node *y) {
-  if (t->rdx_accel && y->rn_bit >= kAccelBits && (!y->rn_parent || y->rn_parent->rn_bit < kAccelBits))
-    t->rdx_accel->slot[blockOf(y->rn_key32)].top = y;
+constexpr unsigned kAccelMinBits = 16;
+constexpr unsigned kAccelMaxBits = 20;
+
+unsigned accelBitsFor(const qor_radix_tree *t, uint64_t heads) {
+  if (!heads) return kAccelMinBits;
+  long extra = std::lround(std::log2(double(heads) / double(t->rdx_accelMin)));
+  return kAccelMinBits + unsigned(std::clamp(extra, 0L, long(kAccelMaxBits - kAccelMinBits)));
 }
 
-// x leaves its place; c (or nothing) takes it.
+// Sizes at which a table of `bits` is rebuilt: the stride for them differs by more than one.
+void accelThresholds(const qor_radix_tree *t, QorRadixAccel *a) {
+  const double min = double(t->rdx_accelMin);
+  a->growAt = a->bits >= kAccelMaxBits ? UINT64_MAX
+                                       : uint64_t(std::ceil(min * std::exp2(double(a->bits) - 15.5)));
+  a->shrinkAt = a->bits < kAccelMinBits + 2 ? t->rdx_accelMin / 4
+                                            : uint64_t(min * std::exp2(double(a->bits) - 17.5));
+}
+
+// A node above the stride covers 2^(bits - rn_bit) blocks from its prefix on.
+inline size_t rangeFirst(const QorRadixAccel *a, const qor_radix_node *n) { return blockOf(a, n->rn_key32); }
+inline size_t rangeCount(const QorRadixAccel *a, const qor_radix_node *n) {
+  return size_t(1) << (a->bits - n->rn_bit);
+}
+
+// Hints are only a place to start from, so refreshing them is optional: done where it is cheap.
+constexpr size_t kHintRefreshMax = 64;
+
+inline void accelNewNode(qor_radix_tree *t, qor_radix_node *y) {
+  QorRadixAccel *a = t->rdx_accel;
+  if (!a) return;
+  if (y->rn_bit >= a->bits) {
+    if (!y->rn_parent || y->rn_parent->rn_bit < a->bits) a->slot[blockOf(a, y->rn_key32)] = reinterpret_cast<uintptr_t>(y);
+    return;
+  }
+  // Empty blocks under a new node above the stride start their inserts from it.
+  const size_t count = rangeCount(a, y);
+  if (count > kHintRefreshMax) return;
+  for (size_t i = rangeFirst(a, y), end = i + count; i < end; ++i)
+    if (!slotTop(a->slot[i])) a->slot[i] = hintOf(y);
+}
+
+// x leaves its place and c (or nothing) takes it; x's parent is still linked.
 inline void accelReplaced(qor_radix_tree *t, const qor_radix_node *x, qor_radix_node *c) {
-  if (t->rdx_accel && x->rn_bit >= kAccelBits && (!x->rn_parent || x->rn_parent->rn_bit < kAccelBits))
-    t->rdx_accel->slot[blockOf(x->rn_key32)].top = c;
+  QorRadixAccel *a = t->rdx_accel;
+  if (!a) return;
+  if (x->rn_bit >= a->bits) {
+    if (!x->rn_parent || x->rn_parent->rn_bit < a->bits)
+      a->slot[blockOf(a, x->rn_key32)] = c ? reinterpret_cast<uintptr_t>(c) : hintOf(x->rn_parent);
+    return;
+  }
+  // No block may start from a node that goes: its parent covers all it covered.
+  const uintptr_t from = hintOf(x), to = hintOf(x->rn_parent);
+  for (size_t i = rangeFirst(a, x), end = i + rangeCount(a, x); i < end; ++i)
+    if (a->slot[i] == from) a->slot[i] = to;
 }
 
 inline void accelShortAdd(qor_radix_tree *t, qor_radix_node *n) {
-  if (!t->rdx_accel || n->rn_bit >= kAccelBits) return;
-  size_t first = blockOf(n->rn_key32), count = size_t(1) << (kAccelBits - n->rn_bit);
+  QorRadixAccel *a = t->rdx_accel;
+  if (!a || n->rn_bit >= a->bits) return;
+  size_t first = blockOf(a, n->rn_key32), count = size_t(1) << (a->bits - n->rn_bit);
   for (size_t i = first; i < first + count; ++i) {
-    qor_radix_hdr *&b = t->rdx_accel->slot[i].shortBest;
+    qor_radix_hdr *&b = a->shortBest[i];
     if (!b || b->rdx_node->rn_bit < n->rn_bit) b = n->rn_head;
   }
 }
 
 inline void accelShortRemove(qor_radix_tree *t, const qor_radix_node *n, qor_radix_hdr *repl) {
-  if (!t->rdx_accel || n->rn_bit >= kAccelBits) return;
-  size_t first = blockOf(n->rn_key32), count = size_t(1) << (kAccelBits - n->rn_bit);
+  QorRadixAccel *a = t->rdx_accel;
+  if (!a || n->rn_bit >= a->bits) return;
+  size_t first = blockOf(a, n->rn_key32), count = size_t(1) << (a->bits - n->rn_bit);
   for (size_t i = first; i < first + count; ++i)
-    if (t->rdx_accel->slot[i].shortBest == n->rn_head) t->rdx_accel->slot[i].shortBest = repl;
-}
-
-void accelBuild(qor_radix_tree *t) {
-  auto *a = static_cast<QorRadixAccel *>(std::calloc(1, sizeof(QorRadixAccel)));
-  if (!a) return;  // lookups just start at the root
-  t->rdx_accel = a;
-  // Pre-order meets a covering prefix before the ones it covers, so longer ones win.
-  for (qor_radix_node *n = t->rdx_root; n; n = nextPre(n)) {
-    if (n->rn_head) accelShortAdd(t, n);
-    accelNewNode(t, n);
-  }
+    if (a->shortBest[i] == n->rn_head) a->shortBest[i] = repl;
 }
 
 void accelDrop(qor_radix_tree *t) {
-  std::free(t->rdx_accel);
-  t->rdx_accel = nullptr;
+  if (QorRadixAccel *a = t->rdx_accel) {
+    std::free(a->slot);
+    std::free(a);
+    t->rdx_accel = nullptr;
+  }
+}
+
+// Large tables ask for huge pages: a lookup then costs no page walk for the table.
+void *tableAlloc(size_t bytes) {
+  constexpr size_t kHuge = size_t(2) << 20;
+  if (bytes < kHuge) return std::calloc(1, bytes);
+  void *p = std::aligned_alloc(kHuge, (bytes + kHuge - 1) / kHuge * kHuge);
+  if (!p) return nullptr;
+#ifdef MADV_HUGEPAGE
+  madvise(p, bytes, MADV_HUGEPAGE);
+#endif
+  std::memset(p, 0, bytes);
+  return p;
+}
+
+inline void fillSlots(QorRadixAccel *a, size_t from, size_t to, uintptr_t v) {
+  for (size_t i = from; i < to; ++i) a->slot[i] = v;
+}
+
+// Fills the table from the nodes above the stride: each edge below such a node y covers a
+// range of blocks; those of its range that no deeper node above the stride covers start from
+// y, and a child at or below the stride is the topmost node of its block.
+void accelFill(qor_radix_tree *t, QorRadixAccel *a) {
+  qor_radix_node *root = t->rdx_root;
+  if (!root) return;
+  if (root->rn_bit >= a->bits) {
+    a->slot[blockOf(a, root->rn_key32)] = reinterpret_cast<uintptr_t>(root);
+    return;
+  }
+  qor_radix_node *stack[130];
+  unsigned sp = 0;
+  stack[sp++] = root;
+  while (sp) {
+    qor_radix_node *y = stack[--sp];
+    if (y->rn_head) accelShortAdd(t, y);  // ancestors come first, so longer prefixes win
+    const size_t half = rangeCount(a, y) / 2;
+    for (unsigned side = 0; side < 2; ++side) {
+      const size_t r0 = rangeFirst(a, y) + side * half, r1 = r0 + half;
+      qor_radix_node *c = y->rn_child[side];
+      if (c && c->rn_bit < a->bits) {
+        const size_t c0 = rangeFirst(a, c), c1 = c0 + rangeCount(a, c);
+        fillSlots(a, r0, c0, hintOf(y));
+        fillSlots(a, c1, r1, hintOf(y));
+      } else {
+        fillSlots(a, r0, r1, hintOf(y));
+        if (c) a->slot[blockOf(a, c->rn_key32)] = reinterpret_cast<uintptr_t>(c);
+      }
+    }
+    for (int side = 1; side >= 0; --side)  // child 0 first: pre-order
+      if (qor_radix_node *c = y->rn_child[side]; c && c->rn_bit < a->bits) stack[sp++] = c;
+  }
+}
+
+void accelBuild(qor_radix_tree *t, unsigned bits) {
+  accelDrop(t);
+  auto *a = static_cast<QorRadixAccel *>(std::calloc(1, sizeof(QorRadixAccel)));
+  const size_t slots = size_t(1) << bits;
+  void *mem = a ? tableAlloc(2 * slots * sizeof(void *)) : nullptr;
+  if (!mem) {  // lookups just start at the root
+    std::free(a);
+    return;
+  }
+  a->bits = bits;
+  a->bytes = 2 * slots * sizeof(void *);
+  a->slot = static_cast<uintptr_t *>(mem);
+  a->shortBest = reinterpret_cast<qor_radix_hdr **>(a->slot + slots);
+  t->rdx_accel = a;
+  accelThresholds(t, a);
+  accelFill(t, a);
+}
+
+// After a change of size: build, resize or drop the table.
+void accelResize(qor_radix_tree *t) {
+  const uint64_t h = t->rdx_heads;
+  QorRadixAccel *a = t->rdx_accel;
+  if (!t->rdx_accelMin || h < t->rdx_accelMin / 4) {
+    accelDrop(t);
+    return;
+  }
+  const unsigned want = accelBitsFor(t, h);
+  if (!a) {
+    if (h >= t->rdx_accelMin) accelBuild(t, want);
+  } else if (want > a->bits) {
+    accelBuild(t, want);
+  } else if (want + 1 < a->bits) {
+    accelBuild(t, want + 1);
+  }
 }
 
 inline bool accelUsable(const qor_radix_tree *t, unsigned len) {
-  return t->rdx_accel && len >= kAccelBits;
+  return t->rdx_accel && len >= t->rdx_accel->bits;
 }
 
 qor_radix_hdr *insertHead(qor_radix_tree *t, qor_radix_hdr *head, unsigned len, bool attach) {
@@ -262,14 +424,22 @@ qor_radix_hdr *insertHead(qor_radix_tree *t, qor_radix_hdr *head, unsigned len, 
   const Key k = maskKey(headKey(t, head), len);
   const uint32_t k32 = top32(k);
   qor_radix_node *n = t->rdx_root;
-  if (accelUsable(t, len))
-    if (qor_radix_node *top = t->rdx_accel->slot[blockOf(k32)].top) n = top;
+  // Going down from a block's node; for an empty block, no node at or below the stride can
+  // share the block, so the keys part above the first such node met and the search stops there.
+  unsigned stop = len;
+  if (accelUsable(t, len)) {
+    const uintptr_t v = t->rdx_accel->slot[blockOf(t->rdx_accel, k32)];
+    if (qor_radix_node *start = slotStart(v)) n = start;
+    if (!slotTop(v)) stop = t->rdx_accel->bits;
+  }
+  NodeReserve nodes(t);
   qor_radix_node *fresh = nullptr, *split = nullptr;
   if (!n) {
-    if (!(fresh = newNode(t, len, k32, head))) return nullptr;
+    if (!nodes.has(1)) return nullptr;
+    fresh = nodes.take(len, k32, head);
     t->rdx_root = fresh;
   } else {
-    while (n->rn_bit < len) {
+    while (n->rn_bit < stop) {
       qor_radix_node *c = n->rn_child[bitAt(k, n->rn_bit)];
       if (!c) break;
       n = c;
@@ -284,23 +454,23 @@ qor_radix_hdr *insertHead(qor_radix_tree *t, qor_radix_hdr *head, unsigned len, 
       fresh = x;
     } else if (d == len) {
       // The new prefix covers x: it goes between x and x's parent.
-      if (!(fresh = newNode(t, len, k32, head))) return nullptr;
+      if (!nodes.has(1)) return nullptr;
+      fresh = nodes.take(len, k32, head);
       unsigned b = nodeBit(t, x, len);
       replaceInParent(t, x, fresh);
       fresh->rn_child[b] = x;
       x->rn_parent = fresh;
     } else if (x->rn_bit == d) {
       // x's prefix covers the new one and x's slot on its side is empty.
-      if (!(fresh = newNode(t, len, k32, head))) return nullptr;
+      if (!nodes.has(1)) return nullptr;
+      fresh = nodes.take(len, k32, head);
       x->rn_child[bitAt(k, d)] = fresh;
       fresh->rn_parent = x;
     } else {
       // The keys part at bit d above x: a new internal node joins x and the new prefix.
-      if (!(split = newNode(t, d, k32, nullptr))) return nullptr;
-      if (!(fresh = newNode(t, len, k32, head))) {
-        freeNode(t, split);
-        return nullptr;
-      }
+      if (!nodes.has(2)) return nullptr;
+      split = nodes.take(d, k32, nullptr);
+      fresh = nodes.take(len, k32, head);
       unsigned b = bitAt(k, d);
       replaceInParent(t, x, split);
       split->rn_child[b] = fresh;
@@ -315,7 +485,8 @@ qor_radix_hdr *insertHead(qor_radix_tree *t, qor_radix_hdr *head, unsigned len, 
   accelShortAdd(t, fresh);
   ++t->rdx_heads;
   ++t->rdx_gen;
-  if (!t->rdx_accel && t->rdx_accelMin && t->rdx_heads >= t->rdx_accelMin) accelBuild(t);
+  if (t->rdx_accel ? t->rdx_heads >= t->rdx_accel->growAt : t->rdx_accelMin && t->rdx_heads >= t->rdx_accelMin)
+    accelResize(t);
   return head;
 }
 
@@ -385,7 +556,7 @@ int qorRadixRemove(qor_radix_tree *tree, qor_radix_hdr *head) {
   }
 #endif
   if (head->rdl_link.rdl_next) listUnlink(head);
-  if (tree->rdx_accel && n->rn_bit < kAccelBits) {
+  if (tree->rdx_accel && n->rn_bit < tree->rdx_accel->bits) {
     const qor_radix_node *p = n->rn_parent;
     while (p && !p->rn_head) p = p->rn_parent;
     accelShortRemove(tree, n, p ? p->rn_head : nullptr);
@@ -413,16 +584,15 @@ int qorRadixRemove(qor_radix_tree *tree, qor_radix_hdr *head) {
       freeNode(tree, p);
     }
   }
-  if (tree->rdx_accel && tree->rdx_heads < tree->rdx_accelMin / 4) accelDrop(tree);
+  if (tree->rdx_accel && tree->rdx_heads < tree->rdx_accel->shrinkAt) accelResize(tree);
   return 0;
 }
 
 qor_radix_hdr *qorRadixGetExact(qor_radix_tree *tree, const void *key, unsigned prefixlen) {
   if (!tree || !key || prefixlen > tree->rdx_keyBits) return nullptr;
   const Key k = maskKey(loadKey(static_cast<const uint8_t *>(key), tree->rdx_keyBytes), prefixlen);
-  const qor_radix_node *n = accelUsable(tree, prefixlen)
-                                ? tree->rdx_accel->slot[blockOf(top32(k))].top
-                                : tree->rdx_root;
+  const qor_radix_node *n = tree->rdx_root;
+  if (accelUsable(tree, prefixlen)) n = slotTop(tree->rdx_accel->slot[blockOf(tree->rdx_accel, top32(k))]);
   while (n && n->rn_bit < prefixlen) n = n->rn_child[bitAt(k, n->rn_bit)];
   if (!n || n->rn_bit != prefixlen || !n->rn_head) return nullptr;
   return diffNode(tree, k, n, prefixlen) == prefixlen ? n->rn_head : nullptr;
@@ -435,15 +605,16 @@ qor_radix_hdr *qorRadixGetBest(qor_radix_tree *tree, const void *key, unsigned p
   const qor_radix_node *n = tree->rdx_root;
   qor_radix_hdr *fallback = nullptr;  // covers k whatever the search below finds
   if (accelUsable(tree, prefixlen)) {
-    const QorRadixAccel::Slot &s = tree->rdx_accel->slot[blockOf(top32(k))];
-    n = s.top;
-    fallback = s.shortBest;
+    const QorRadixAccel *a = tree->rdx_accel;
+    const size_t b = blockOf(a, top32(k));
+    n = slotTop(a->slot[b]);
+    fallback = a->shortBest[b];
   }
   const qor_radix_node *passed[130];  // nodes with heads on the way down, shortest first
   unsigned np = 0;
   const qor_radix_node *last = nullptr;
   while (n && n->rn_bit <= prefixlen) {
-    if (n->rn_head) passed[np++] = n;
+    if (!(n->rn_flags & QOR_RADIX_INTERNAL)) passed[np++] = n;
     last = n;
     if (n->rn_bit == prefixlen) break;
     n = n->rn_child[bitAt(k, n->rn_bit)];
@@ -503,5 +674,6 @@ qor_radix_node *qorRadixNodeNext(const qor_radix_node *node) { return node ? nex
 
 size_t qorRadixBytes(const qor_radix_tree *tree) {
   if (!tree) return 0;
-  return sizeof(qor_radix_tree) + tree->rdx_nodeBytes + (tree->rdx_accel ? sizeof(QorRadixAccel) : 0);
+  return sizeof(qor_radix_tree) + tree->rdx_nodeBytes +
+         (tree->rdx_accel ? sizeof(QorRadixAccel) + tree->rdx_accel->bytes : 0);
 }

@@ -54,14 +54,15 @@ static_assert(sizeof(void *) != 8 || sizeof(qor_radix_hdr) == 40);
 constexpr uint8_t QOR_RADIX_INTERNAL = 0x2;
 
 // A node of the tree (40 bytes on 64-bit hosts). Exposed for walks over nodes; read only.
+// What a search reads of a node comes first, so that it lies in one cache line more often.
 struct qor_radix_node {
   qor_radix_node *rn_child[2];   // by the key bit at position rn_bit
-  qor_radix_node *rn_parent;
-  qor_radix_hdr *rn_head;        // null on an internal node
   uint32_t rn_key32;             // first 32 bits of the node's prefix, host order, masked
   uint8_t rn_bit;                // prefix length of the node
   uint8_t rn_flags;              // QOR_RADIX_INTERNAL
   uint16_t rn_spare;
+  qor_radix_node *rn_parent;
+  qor_radix_hdr *rn_head;        // null on an internal node
 };
 static_assert(sizeof(void *) != 8 || sizeof(qor_radix_node) == 40);
 
