@@ -27,6 +27,7 @@
 #include "static/rtm_static.h"
 #include "swp/qor_swp.h"
 #include "timer/qor_timer.h"
+#include "views/rtm_views.h"
 #include "vrf/rtm_vrf.h"
 
 using rtm::ld32;
@@ -123,6 +124,7 @@ int rtmTaskInit(int32_t key) {
   rtmRpfNhInit(0);
   if (rtmRibCreate(0, "inet.0", "inet.0c", "inet.0p", "inet.0g", "inet.0m", "inet.0s") != 0) return 1;
   rtmClientInit();
+  rtmRibInit();
   rtmIfInit();
   rtmStaticInit(0);
   rtmMstaticInit();
@@ -137,6 +139,7 @@ int rtmTaskInit(int32_t key) {
   rtmFibAuditInit();
   rtmOfmInit();
   halRtmInit();
+  rtmViewsInit();
   qorInitHistoryTable(5000, 150, 1);
   qorEnableHistoryLogging();
   rtmRedistIbgpInit();
@@ -354,6 +357,7 @@ void rtmFrameReset() {
   rtmThreads = -1;
   rtmRibReset();
   rtmClientReset();
+  rtmNhReset();
   qorSwpReset();
   qorIpcReset();
   qorTimerReset();
