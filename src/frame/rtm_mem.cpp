@@ -27,6 +27,7 @@ constexpr uint32_t kSlots = RTM_MEM_POOL_LAST - RTM_MEM_POOL_FIRST + 1;
 // Raises of the table's sizes. Zero-initialised before any static initializer runs, so
 // RTM_POOL_RECORD in another file may write here during static initialisation.
 uint32_t declaredSize[kSlots];
+uint32_t exactSize[kSlots];  // replaces the table's size when set
 uint32_t raisedSize[kSlots];
 // Pool handles, so the hot path skips the number look-up; valid for one generation of the
 // partition layer (a deleted pool changes it).
@@ -92,11 +93,13 @@ void rdxFree(void *block) { rtmMemFreeFromPool(__FILE__, __LINE__, block); }
 
 int rtmMemSetBlockSize(uint32_t number, uint32_t size) { return raise(raisedSize, number, size); }
 int rtmMemDeclareBlockSize(uint32_t number, uint32_t size) { return raise(declaredSize, number, size); }
+int rtmMemDeclareExactBlockSize(uint32_t number, uint32_t size) { return raise(exactSize, number, size); }
 
 uint32_t rtmMemBlockSize(uint32_t number) {
   uint32_t t = rtmMemTableBlockSize(number);
   if (!t) return 0;
   uint32_t i = number - RTM_MEM_POOL_FIRST;
+  if (exactSize[i]) t = exactSize[i];
   return std::max({t, declaredSize[i], raisedSize[i]});
 }
 

@@ -175,6 +175,14 @@ void rtmMemResetBlockSizes();
 // before the pools are made, for the life of the process. Use at namespace scope in the
 // subsystem's own .cpp (static initialisation runs before main, hence before the pools).
 int rtmMemDeclareBlockSize(uint32_t number, uint32_t size);
+// Declares that `pool` holds records of exactly `size` bytes: the block becomes that size even
+// below the table's (measured on a 32-bit target with other layouts), for records kept by the
+// million where the difference is memory. Other declarations and raises still only grow it.
+int rtmMemDeclareExactBlockSize(uint32_t number, uint32_t size);
+#define RTM_POOL_RECORD_EXACT(pool, size) RTM_POOL_RECORD_EXACT_(pool, size, __LINE__)
+#define RTM_POOL_RECORD_EXACT_(pool, size, n) RTM_POOL_RECORD_EXACT__(pool, size, n)
+#define RTM_POOL_RECORD_EXACT__(pool, size, n) \
+  [[maybe_unused]] static const int rtmPoolRecordExact_##n = rtmMemDeclareExactBlockSize((pool), (size))
 #define RTM_POOL_RECORD(pool, type) RTM_POOL_RECORD_(pool, type, __LINE__)
 #define RTM_POOL_RECORD_(pool, type, n) RTM_POOL_RECORD__(pool, type, n)
 #define RTM_POOL_RECORD__(pool, type, n) \

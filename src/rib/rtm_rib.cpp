@@ -215,4 +215,6 @@ void rtmRibReset() {
     rtmRibRtInetDeAllocate(v);
   }
   memset(g_rtmVrfInUse, 0, sizeof g_rtmVrfInUse);
+  rtmRibRouteReset();
+  rtmVrfReset();
 }

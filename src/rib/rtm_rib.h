@@ -16,64 +16,120 @@
 
 struct rt_nh;  // a next-hop record of the next-hop database
 
-// One route of one client on a prefix. The next-hop pointers and then the TLV block follow
-// the fixed part, so one block holds the whole entry.
+// One route of one client on a prefix, in one block: the fixed part, the gateway (4 or 16
+// bytes), the next-hop pointers, then the TLV block.
+//
+// A million routes make the RIB, so the block is packed to fit a 64-byte size class with one
+// IPv4 next hop (56 fixed, 8 per next hop). Fields are as narrow as their values allow: a
+// handle is below 64, a protocol id below 256 (registration refuses others), a VRF id below
+// 65536, a next-hop count at most 65. The add path refuses a route whose subtype or source VRF
+// would not fit, so nothing is ever stored truncated. The gateway sits in the tail of the fixed
+// part for IPv4, which moves the next-hop array by family: reach it through rtmRteNh().
 struct rt_entry {
-  struct rt_head *rte_head;
+  struct rt_head *rte_head;  // set by rte_insert
   rt_entry *rte_next;
-  uint32_t rte_cid;
-  uint32_t rte_proto;
-  uint32_t rte_inst;
-  uint32_t rte_subtype;
-  uint16_t rte_pref;
-  uint16_t rte_subpref;
-  uint16_t rte_wecmp;
-  uint16_t rte_nnh;
+  uint64_t rte_time;         // tick at which the entry was made
   int32_t rte_metric;
   uint32_t rte_tag;
-  uint64_t rte_time;
-  uint8_t rte_gateway[16];
-  uint32_t rte_srcVrf;
-  uint16_t rte_flags;
+  uint32_t rte_inst;         // the client's instance
+  uint16_t rte_pref;
+  uint16_t rte_srcVrf;
+  uint16_t rte_vrfId;        // VRF of the tree that holds it
+  uint16_t rte_flags;        // low 16 bits of rtp_flags
   uint16_t rte_tlvlen;
-  uint32_t rte_leak;
-  uint32_t rte_vrfId;
-  rt_nh *rte_nh[];  // rte_nnh of them, then rte_tlvlen bytes of TLV
+  uint16_t rte_subtype;
+  uint8_t rte_cid;
+  uint8_t rte_proto;
+  uint8_t rte_nnh;
+  uint8_t rte_leak : 2;      // RTE_LEAK_IMPORTED; the value 2 alone marks an imported route
+  uint8_t rte_wecmp : 1;     // eligible for weighted ECMP
+  uint8_t rte_af6 : 1;       // the IPv6 form (16-byte gateway)
+  uint8_t rte_wide : 1;      // room for RTE_WIDE_NH next hops (unnumbered entries)
+  uint8_t rte_gateway[];     // 4 or 16 bytes
+
+  // Nothing in the daemon sets a sub-preference on an entry: it reads as 0 everywhere.
+  static constexpr uint16_t rte_subpref = 0;
 };
+static_assert(offsetof(rt_entry, rte_gateway) == 52 && sizeof(rt_entry) == 56);
 
 // Bit of rte_leak: the entry was imported from another VRF.
 constexpr uint32_t RTE_LEAK_IMPORTED = 0x2;
+// Next hops an unnumbered entry has room for: they are added one by one.
+constexpr unsigned RTE_WIDE_NH = RTP_MAX_NH + 1;
 
-// Bytes of an entry with nnh next hops and a TLV block of tlvlen bytes.
-constexpr size_t rtmRteSize(unsigned nnh, unsigned tlvlen) {
-  return sizeof(rt_entry) + nnh * sizeof(rt_nh *) + tlvlen;
+// Offset of the next-hop array: behind the gateway, pointer-aligned.
+constexpr size_t rtmRteNhOffset(unsigned afIndex) {
+  return (offsetof(rt_entry, rte_gateway) + rtmAfAddrLen(afIndex) + 7) & ~size_t(7);
 }
-inline uint8_t *rtmRteTlv(rt_entry *rte) { return reinterpret_cast<uint8_t *>(rte->rte_nh + rte->rte_nnh); }
+// Bytes of an entry with room for nnh next hops and a TLV block of tlvlen bytes.
+constexpr size_t rtmRteSize(unsigned afIndex, unsigned nnh, unsigned tlvlen) {
+  return rtmRteNhOffset(afIndex) + nnh * sizeof(rt_nh *) + tlvlen;
+}
+static_assert(rtmRteSize(0, 1, 0) == 64 && rtmRteSize(2, 1, 0) == 80);
 
-// One prefix of a tree. The radix header comes first; the prefix bytes (4 or 16) last, so an
-// IPv4 head does not carry the 12 bytes an IPv6 prefix needs.
+inline unsigned rtmRteAf(const rt_entry *rte) { return rte->rte_af6 ? RTM_IPV6UNI_AFINDEX : RTM_IPV4UNI_AFINDEX; }
+inline rt_nh **rtmRteNh(rt_entry *rte) {
+  return reinterpret_cast<rt_nh **>(reinterpret_cast<uint8_t *>(rte) + rtmRteNhOffset(rtmRteAf(rte)));
+}
+inline rt_nh *const *rtmRteNh(const rt_entry *rte) {
+  return reinterpret_cast<rt_nh *const *>(reinterpret_cast<const uint8_t *>(rte) + rtmRteNhOffset(rtmRteAf(rte)));
+}
+// Slots of the next-hop array: rte_nnh, or RTE_WIDE_NH for an unnumbered entry.
+inline unsigned rtmRteNhRoom(const rt_entry *rte) { return rte->rte_wide ? RTE_WIDE_NH : rte->rte_nnh; }
+// The TLV block, behind the next-hop array.
+inline uint8_t *rtmRteTlv(rt_entry *rte) { return reinterpret_cast<uint8_t *>(rtmRteNh(rte) + rtmRteNhRoom(rte)); }
+inline const uint8_t *rtmRteTlv(const rt_entry *rte) {
+  return reinterpret_cast<const uint8_t *>(rtmRteNh(rte) + rtmRteNhRoom(rte));
+}
+
+// One prefix of a tree. The radix header comes first, the prefix bytes (4 or 16) last, so an
+// IPv4 head is 72 bytes. What only route leaking needs (the leak maps and the record of a
+// withdrawn export) lives in a side record made on first need: see rtmHeadExtGet.
 struct rt_head {
-  qor_radix_hdr rtmh_rdx;  // radix link, rtmh_key, rtmh_version, change-list links
-  uint64_t rtmh_time;
-  uint8_t rtmh_redlist[8];
-  uint8_t *rtmh_expmap;
-  uint8_t *rtmh_impmap;
-  rt_entry *rtmh_rte;
-  uint32_t rtmh_exported;
-  uint32_t rtmh_delProto;
+  qor_radix_hdr rtmh_rdx;   // radix link, rtmh_key, rtmh_version, change-list links
+  struct rt_entry *rtmh_rte;  // the active route first; null on a naked head
+  uint64_t rtmh_time;       // tick of the last change of the active route
+  uint8_t rtmh_redlist[8];  // by cid: bit (cid & 7) of byte (cid >> 3)
+  uint8_t rtmh_prefixlen;
+  uint8_t rtmh_exported;    // 1 if the active route is exported to other VRFs
+  uint8_t rtmh_delExported; // 1 if an exported route went away and importers must withdraw it
+  uint8_t rtmh_bits;        // RTMH_VRRP, RTMH_EXT
+  uint8_t rtmh_prefix[];    // masked prefix, 4 or 16 bytes
+};
+static_assert(offsetof(rt_head, rtmh_prefix) == 68 && sizeof(rt_head) == 72);
+
+constexpr uint8_t RTMH_VRRP = 0x1;  // a VRRP client has added a route here
+constexpr uint8_t RTMH_EXT = 0x2;   // the head has a side record
+
+// What a head carries for route leaking only.
+struct rt_head_ext {
+  uint8_t *rtmh_expmap;  // to which importers the prefix is leaked
+  uint8_t *rtmh_impmap;  // from which exporters
+  uint32_t rtmh_delProto;    // the exported route that went away
   uint32_t rtmh_delSubtype;
   uint32_t rtmh_delCid;
-  uint32_t rtmh_vrrp;
-  uint8_t rtmh_delExported;
-  uint8_t rtmh_prefixlen;
-  uint8_t rtmh_prefix[];
 };
 
 // Bytes of a head of the family.
-constexpr size_t rtmHeadSize(unsigned afIndex) { return sizeof(rt_head) + rtmAfAddrLen(afIndex); }
+constexpr size_t rtmHeadSize(unsigned afIndex) {
+  return (offsetof(rt_head, rtmh_prefix) + rtmAfAddrLen(afIndex) + 7) & ~size_t(7);
+}
+static_assert(rtmHeadSize(0) == 72 && rtmHeadSize(2) == 88);
 
 inline rt_head *rtmHeadOf(qor_radix_hdr *h) { return reinterpret_cast<rt_head *>(h); }
 inline uint64_t &rtmh_version(rt_head *rth) { return rth->rtmh_rdx.rtmh_version; }
+// 11 if a VRRP client has added a route here, else 0.
+inline uint32_t rtmh_vrrp(const rt_head *rth) { return (rth->rtmh_bits & RTMH_VRRP) ? RTM_PROTO_VRRP : 0; }
+
+// The side record of a head, or null if it has none.
+rt_head_ext *rtmHeadExt(const rt_head *rth);
+// The side record, made (zeroed) if it does not exist; null when there is no memory.
+rt_head_ext *rtmHeadExtGet(rt_head *rth);
+// A new head of the main or connected tree for the family, cleared, with its key set to the
+// masked prefix; null when the pool is empty.
+rt_head *rtmHeadAlloc(uint8_t afIndex, const uint8_t *prefix, uint8_t prefixlen);
+// Frees a head that is out of its tree, with its side record.
+void rtmHeadFree(rt_head *rth);
 
 // Trees of a table set, in the order rtmRibCreate makes them.
 enum RtmTreeKind : uint8_t { RTM_TREE_MAIN, RTM_TREE_CON, RTM_TREE_POLL, RTM_TREE_GBC, RTM_TREE_RPF, RTM_TREE_MSTATIC, RTM_TREE_KINDS };
@@ -112,8 +168,77 @@ int rtmRibCreate(uint32_t vrfId, const char *main, const char *con, const char *
 int rtmRibDelete(uint32_t vrfId);
 int updateRibVer(uint32_t vrfId, uint8_t afIndex, qor_radix_tree *tree, rt_head *rth);
 
+// ---- Order of the entries of a head (the election) ----------------------------------------
+
+// -1 if rte1 stands ahead of rte2, 1 if behind; never 0. afIndex serves to print addresses.
+int rtmCompareRoutes(uint8_t afIndex, const rt_entry *rte1, const rt_entry *rte2);
+// Links rte_new in its place (always passed as the first argument of the comparison) and
+// returns the first entry.
+rt_entry *rte_insert(uint8_t afIndex, rt_head *rtmh, rt_entry *rte_new);
+// First entry of client `cid` with that subtype (255: any) and, if matchVrf is 1, that source
+// VRF (matchVrf 0: any; other values match nothing); or null.
+rt_entry *rte_find(rt_head *rtmh, uint32_t cid, uint32_t subtype, uint8_t matchVrf, uint32_t srcVrf);
+// Unlinks rte (not freed) and returns the first entry.
+rt_entry *rte_remove(rt_head *rtmh, rt_entry *rte);
+
+// ---- Route add and delete ------------------------------------------------------------------
+
+// The handler of MT_RTM_UPD_ROUTE: checks that the whole batch lies inside the received bytes,
+// then adds and deletes its routes in order. A failed route does not end the batch.
+int rtmUpdateRouteIPv4(uint8_t *msg, uint32_t len, struct rt_client *rtc);
+// Addresses of a received rt_parms are already byte strings in network order here, so the
+// conversion of the original big-endian host has nothing to do.
+inline void rtmConvertRtpParams(uint8_t, uint8_t *) {}
+
+// A route of client `cid` in family 0 or 2, as an rt_parms (rtp points at its first byte and
+// the record holds rtp_nnh next hops and rtp_tlvlen TLV bytes behind them). Results:
+// RTM_SUCCESS (also for a route dropped on purpose), RTM_FAILURE, RTM_NO_MEMORY,
+// RTM_ROUTE_LIMIT. rtmDelRouteIPv4 may rewrite rtp_subtype.
+int rtmAddRouteIPv4(uint8_t afIndex, uint32_t cid, uint8_t *rtp);
+int rtmDelRouteIPv4(uint8_t afIndex, uint32_t cid, uint8_t *rtp);
+// Removes the entries of `cid` (subtype 255: all of them) from a main-tree head, with counters,
+// next hops, leak marks and the version. 0 if at least one went, 1 if none matched.
+int rtmDeleteRte(uint32_t vrfId, uint8_t afIndex, qor_radix_tree *tree, rt_head *rth, uint32_t cid,
+                 uint32_t subtype, uint32_t proto, uint8_t matchVrf, uint32_t srcVrf);
+// The same on a connected-tree head.
+int rtmDeleteConRte(uint32_t vrfId, uint8_t afIndex, qor_radix_tree *tree, rt_head *rth, uint32_t cid,
+                    uint32_t subtype, uint8_t matchVrf, uint32_t srcVrf);
+// Takes one next hop off an unnumbered entry: 0 (the entry is to go as a whole), 1 (error) or
+// RTM_NH_REMOVED.
+int rtmUpdateUnNumberedRte(uint32_t vrfId, uint8_t afIndex, qor_radix_tree *tree, rt_head *rth, uint32_t cid,
+                           uint8_t *rtp);
+// False when the route is not for the main RIB: a host route whose only next hop is itself goes
+// to the GBC RIB instead (added or deleted here, by addFlag).
+bool rtmIsRouteValid(uint8_t afIndex, uint32_t cid, uint8_t *rtp, int addFlag);
+
+// ---- Connected and GBC RIBs ----------------------------------------------------------------
+
+// Takes over `rte` (inserts or frees it) into the connected tree: 0, 1 or 5.
+int rtmAddRouteProtoCon(uint8_t afIndex, uint32_t cid, rt_entry *rte, uint8_t *rtp);
+int rtmDelRouteProtoCon(uint8_t afIndex, uint32_t cid, uint8_t *rtp);
+int rtmGbcAddRouteIPv4(uint8_t afIndex, uint32_t cid, uint8_t *rtp);
+int rtmGbcDelRouteIPv4(uint8_t afIndex, uint32_t cid, uint8_t *rtp);
+
+// A head of the GBC tree: which protocols hold a host route that has no usable next hop.
+constexpr unsigned RTM_GBC_PROTOS = 21;
+struct rt_gbc_head {
+  qor_radix_hdr gbc_rdx;
+  uint64_t gbc_time;  // tick of the last add
+  uint8_t gbc_proto[RTM_GBC_PROTOS];
+  uint8_t gbc_prefixlen;
+  uint8_t gbc_prefix[];
+};
+constexpr size_t rtmGbcHeadSize(unsigned afIndex) {
+  return (offsetof(rt_gbc_head, gbc_prefix) + rtmAfAddrLen(afIndex) + 7) & ~size_t(7);
+}
+
+// Registers the route handlers (from rtmTaskInit).
+void rtmRibInit();
+
 // Clearing a RIB's routes; the full clearing paths come with route clearing.
 void rtmClearRib(uint8_t afIndex, uint32_t vrfId);
 
-// Back to a clean start (tests): destroys every table set.
+// Back to a clean start (tests): destroys every table set, forgets the side records of heads
+// and the VRF cache records, and arms the out-of-memory warning again.
 void rtmRibReset();
+void rtmRibRouteReset();

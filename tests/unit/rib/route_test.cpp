@@ -1,0 +1,443 @@
+// Route add and delete against the running daemon's tables: versions, counters, next-hop
+// references, the checks that refuse a route, and the special routes (unnumbered, host routes
+// that name themselves, connected and GBC).
+#include "tests/unit/rib/rib_test_util.h"
+
+using namespace ribtest;
+
+namespace {
+
+constexpr uint32_t kOspf = 3, kOspf2 = 4, kRip = 5, kStatic = 6, kBgp = 7, kPos = 8, kConn = 9;
+
+class Routes : public RibTest {
+ protected:
+  void SetUp() override {
+    RibTest::SetUp();
+    client(kOspf, RTM_PROTO_OSPF);
+    client(kOspf2, RTM_PROTO_OSPF, RTM_IPV4UNI_AFINDEX, 0, 1);
+    client(kRip, RTM_PROTO_RIP);
+    client(kStatic, RTM_PROTO_STATIC);
+    client(kBgp, RTM_PROTO_BGP);
+    client(kPos, RTM_PROTO_POS);
+    client(kConn, RTM_PROTO_CONNECTED);
+  }
+  static Route ospf(const char *p = "10.1.0.0", unsigned plen = 16, int32_t metric = 10) {
+    Route r;
+    r.prefix(p, plen).proto(RTM_PROTO_OSPF).subtype(RT_OSPF_INTRA).pref(110).metric(metric).nh("192.168.1.1", 5);
+    return r;
+  }
+  static Route rip(const char *p = "10.1.0.0", unsigned plen = 16) {
+    Route r;
+    r.prefix(p, plen).proto(RTM_PROTO_RIP).pref(110).nh("192.168.2.1", 6);
+    return r;
+  }
+  uint64_t version(rt_head *rth) { return rth ? rtmh_version(rth) : 0; }
+  uint32_t active(uint32_t cid) { return rvi(cid)->rvi_active; }
+  uint32_t inactive(uint32_t cid) { return rvi(cid)->rvi_inactive; }
+};
+
+TEST_F(Routes, ReAddWhileActiveBumpsVersionAndKeepsCounters) {
+  Route a = ospf();
+  ASSERT_EQ(add(kOspf, a), RTM_SUCCESS);
+  rt_head *h = head("10.1.0.0", 16);
+  ASSERT_NE(h, nullptr);
+  uint64_t v1 = version(h);
+  EXPECT_GT(v1, 0u);
+  EXPECT_EQ(refs("192.168.1.1", 5), 1);
+  qorClockAdvance(50);
+  Route b = ospf("10.1.0.0", 16, 20);
+  ASSERT_EQ(add(kOspf, b), RTM_SUCCESS);
+  ASSERT_EQ(entries(h).size(), 1u);
+  EXPECT_EQ(h->rtmh_rte->rte_metric, 20);
+  EXPECT_GT(version(h), v1);
+  EXPECT_EQ(h->rtmh_time, qorTickGet());
+  EXPECT_EQ(active(kOspf), 1u);
+  EXPECT_EQ(inactive(kOspf), 0u);
+  EXPECT_EQ(refs("192.168.1.1", 5), 1);  // the old entry's reference went with it
+}
+
+TEST_F(Routes, ReAddWhileInactiveChangesNoVersion) {
+  Route o = ospf(), r = rip();
+  ASSERT_EQ(add(kOspf, o), RTM_SUCCESS);
+  ASSERT_EQ(add(kRip, r), RTM_SUCCESS);  // equal preference: OSPF stays first
+  rt_head *h = head("10.1.0.0", 16);
+  uint64_t v = version(h), t = h->rtmh_time, treeVer = tree()->rdx_version;
+  qorClockAdvance(50);
+  rtpSetMetric(r.p(), 99);
+  ASSERT_EQ(add(kRip, r), RTM_SUCCESS);
+  EXPECT_EQ(version(h), v);
+  EXPECT_EQ(tree()->rdx_version, treeVer);
+  EXPECT_EQ(h->rtmh_time, t);
+  ASSERT_EQ(entries(h).size(), 2u);
+  EXPECT_EQ(entries(h)[1]->rte_metric, 99);
+  EXPECT_EQ(inactive(kRip), 1u);
+}
+
+TEST_F(Routes, DeletingTheActiveRoutePromotesTheNext) {
+  Route o = ospf(), r = rip();
+  ASSERT_EQ(add(kOspf, o), RTM_SUCCESS);
+  ASSERT_EQ(add(kRip, r), RTM_SUCCESS);
+  EXPECT_EQ(active(kOspf), 1u);
+  EXPECT_EQ(inactive(kRip), 1u);
+  rt_head *h = head("10.1.0.0", 16);
+  uint64_t v = version(h);
+  qorClockAdvance(70);
+  ASSERT_EQ(del(kOspf, o), RTM_SUCCESS);
+  ASSERT_EQ(entries(h).size(), 1u);
+  EXPECT_EQ(h->rtmh_rte->rte_cid, kRip);
+  EXPECT_GT(version(h), v);
+  EXPECT_EQ(h->rtmh_time, qorTickGet());
+  EXPECT_EQ(active(kOspf), 0u);
+  EXPECT_EQ(active(kRip), 1u);
+  EXPECT_EQ(inactive(kRip), 0u);
+  EXPECT_EQ(refs("192.168.1.1", 5), 0);
+  // The last one goes: the head stays, naked, for the consumers to see the withdrawal.
+  ASSERT_EQ(del(kRip, r), RTM_SUCCESS);
+  EXPECT_EQ(head("10.1.0.0", 16), h);
+  EXPECT_EQ(h->rtmh_rte, nullptr);
+  EXPECT_EQ(active(kRip), 0u);
+  // And it can take a route again.
+  ASSERT_EQ(add(kRip, r), RTM_SUCCESS);
+  EXPECT_EQ(h->rtmh_rte->rte_cid, kRip);
+}
+
+TEST_F(Routes, RefusedAdds) {
+  struct Case {
+    const char *what;
+    uint32_t cid;
+    Route route;
+    int result;
+    uint32_t event;  // 0: none expected
+  };
+  auto base = [] { return ospf("10.9.0.0", 16); };
+  std::vector<Case> cases;
+  cases.push_back({"unknown client", 40, base(), RTM_FAILURE, 0x148018});
+  cases.push_back({"protocol differs from the client's", kRip, base(), RTM_FAILURE, 0x148017});
+  {
+    Route r = base();
+    r.pref(0);
+    cases.push_back({"preference 0 from OSPF", kOspf, r, RTM_FAILURE, 0x148046});
+  }
+  {
+    Route r = base();
+    r.nnh(0);
+    cases.push_back({"no next hop", kOspf, r, RTM_FAILURE, 0x14803C});
+  }
+  {
+    Route r = base();
+    r.nnh(65);
+    cases.push_back({"65 next hops", kOspf, r, RTM_FAILURE, 0x14803C});
+  }
+  {
+    Route r = base();
+    r.nh("0.0.0.0", 0);
+    cases.push_back({"a zero next hop without interface", kOspf, r, RTM_FAILURE, 0x14800E});
+  }
+  {
+    Route r = base();
+    r.vrf(600);
+    cases.push_back({"VRF without tables (route's VRF taken for BGP)", kBgp, r.proto(RTM_PROTO_BGP).subtype(13),
+                     RTM_FAILURE, 0x14803F});
+  }
+  {
+    Route r = base();
+    r.subtype(0x10004);
+    cases.push_back({"a subtype no entry can hold", kOspf, r, RTM_FAILURE, 0x148004});
+  }
+  {
+    Route r = base();
+    r.prefix("10.9.0.0", 33);
+    cases.push_back({"prefix longer than the family's", kOspf, r, RTM_FAILURE, 0x148004});
+  }
+  for (Case &c : cases) {
+    SCOPED_TRACE(c.what);
+    qorLogClearRecent();
+    EXPECT_EQ(add(c.cid, c.route), c.result);
+    if (c.event) EXPECT_GE(qorLogCount(c.event), 1u);
+    rt_head *h = head("10.9.0.0", 16);
+    EXPECT_TRUE(!h || !h->rtmh_rte);
+    EXPECT_EQ(refs("192.168.1.1", 5), 0);  // nothing taken stays taken
+  }
+  // Preference 0 is fine for static routes.
+  Route s;
+  s.prefix("10.9.0.0", 16).proto(RTM_PROTO_STATIC).pref(0).nh("192.168.1.1", 5);
+  EXPECT_EQ(add(kStatic, s), RTM_SUCCESS);
+  EXPECT_EQ(head("10.9.0.0", 16)->rtmh_rte->rte_cid, kStatic);
+}
+
+TEST_F(Routes, DeleteResults) {
+  Route o = ospf();
+  EXPECT_EQ(del(kOspf, o), RTM_FAILURE);  // unknown prefix: no word
+  EXPECT_EQ(qorLogRecent().size(), 0u);
+  Route r = rip();
+  ASSERT_EQ(add(kRip, r), RTM_SUCCESS);
+  EXPECT_EQ(del(kOspf, o), RTM_FAILURE);  // a head, but nothing of this client
+  Route other = ospf();
+  other.subtype(RT_OSPF_E2);
+  ASSERT_EQ(add(kOspf, o), RTM_SUCCESS);
+  EXPECT_EQ(del(kOspf, other), RTM_FAILURE);  // another subtype
+  other.subtype(RT_SUBTYPE_ANY);
+  EXPECT_EQ(del(kOspf, other), RTM_SUCCESS);  // any subtype
+  EXPECT_EQ(entries(head("10.1.0.0", 16)).size(), 1u);
+}
+
+TEST_F(Routes, HostRoutesThatNameThemselves) {
+  // One next hop, itself: the route goes to the GBC RIB only.
+  Route self;
+  self.prefix("10.2.2.2", 32).proto(RTM_PROTO_OSPF).pref(110).nh("10.2.2.2", 0, 0);
+  ASSERT_EQ(add(kOspf, self), RTM_SUCCESS);
+  EXPECT_EQ(head("10.2.2.2", 32), nullptr);
+  qor_radix_tree *gbc = rtmGbcRibGetTree(0, 0);
+  ASSERT_NE(head("10.2.2.2", 32, 0, gbc), nullptr);
+  // Two next hops, one of them itself: it stays with the other.
+  Route two;
+  two.prefix("10.3.3.3", 32).proto(RTM_PROTO_OSPF).pref(110).nh("10.3.3.3").nh("192.168.1.1", 5);
+  ASSERT_EQ(add(kOspf, two), RTM_SUCCESS);
+  rt_head *h = head("10.3.3.3", 32);
+  ASSERT_NE(h, nullptr);
+  ASSERT_EQ(h->rtmh_rte->rte_nnh, 1u);
+  EXPECT_EQ(rtmRteNh(h->rtmh_rte)[0]->rtn_ifindex, 5u);
+  EXPECT_EQ(refs("10.3.3.3"), 0);
+  // All of them itself: GBC, nothing in the main tree, no reference kept.
+  Route all;
+  all.prefix("10.4.4.4", 32).proto(RTM_PROTO_OSPF).pref(110).nh("10.4.4.4").nh("10.4.4.4");
+  ASSERT_EQ(add(kOspf, all), RTM_SUCCESS);
+  EXPECT_EQ(head("10.4.4.4", 32), nullptr);
+  EXPECT_NE(head("10.4.4.4", 32, 0, gbc), nullptr);
+  // A delete that misses on a head with entries, for a route the GBC RIB knows: 0, and the
+  // GBC mark stays.
+  Route g2;
+  g2.prefix("10.3.3.3", 32).proto(RTM_PROTO_RIP).pref(120).nh("10.3.3.3");
+  ASSERT_EQ(add(kRip, g2), RTM_SUCCESS);  // one next hop, itself: GBC
+  Route ripDel = g2;
+  ripDel.nnh(0).nh("192.168.9.9", 1);  // not a self route: goes to the main tree
+  EXPECT_EQ(del(kRip, ripDel), RTM_SUCCESS);
+  EXPECT_NE(head("10.3.3.3", 32, 0, gbc), nullptr);
+  // The delete of the self route itself clears the mark and the GBC head.
+  EXPECT_EQ(del(kOspf, self), RTM_SUCCESS);
+  EXPECT_EQ(head("10.2.2.2", 32, 0, gbc), nullptr);
+}
+
+TEST_F(Routes, GbcHeadStaysUntilEveryProtocolHasDeleted) {
+  Route o, r;
+  o.prefix("10.5.5.5", 32).proto(RTM_PROTO_OSPF).pref(110).nh("10.5.5.5");
+  r.prefix("10.5.5.5", 32).proto(RTM_PROTO_RIP).pref(120).nh("10.5.5.5");
+  ASSERT_EQ(add(kOspf, o), RTM_SUCCESS);
+  ASSERT_EQ(add(kRip, r), RTM_SUCCESS);
+  qor_radix_tree *gbc = rtmGbcRibGetTree(0, 0);
+  auto *gh = reinterpret_cast<rt_gbc_head *>(head("10.5.5.5", 32, 0, gbc));
+  ASSERT_NE(gh, nullptr);
+  EXPECT_EQ(gh->gbc_proto[RTM_PROTO_OSPF], 1);
+  EXPECT_EQ(gh->gbc_proto[RTM_PROTO_RIP], 1);
+  ASSERT_EQ(del(kOspf, o), RTM_SUCCESS);
+  EXPECT_NE(head("10.5.5.5", 32, 0, gbc), nullptr);
+  ASSERT_EQ(del(kRip, r), RTM_SUCCESS);
+  EXPECT_EQ(head("10.5.5.5", 32, 0, gbc), nullptr);
+  // A client of another protocol cannot mark it.
+  EXPECT_EQ(rtmGbcAddRouteIPv4(0, kRip, o.p()), RTM_FAILURE);
+  EXPECT_EQ(qorLogCount(0x148017), 1u);
+}
+
+TEST_F(Routes, RouteLimitAndWarningThreshold) {
+  rt_vrf_cache *vc = rtmVrfCache[0];
+  ASSERT_NE(vc, nullptr);
+  vc->max_route_set[0] = 1;
+  vc->max_routes[0] = 4;
+  vc->warn_threshold[0] = 50;  // warn at 2
+  char p[32];
+  auto addOspf = [&](int i) {
+    snprintf(p, sizeof p, "10.%d.0.0", i);
+    Route r = ospf(p, 16);
+    return add(kOspf, r);
+  };
+  for (int i = 0; i < 2; ++i) EXPECT_EQ(addOspf(i), RTM_SUCCESS);
+  EXPECT_EQ(qorLogCount(0x148065), 0u);
+  EXPECT_EQ(addOspf(2), RTM_SUCCESS);  // 2 active routes: exactly the threshold, warned, taken
+  EXPECT_EQ(qorLogCount(0x148065), 1u);
+  EXPECT_EQ(addOspf(3), RTM_SUCCESS);
+  EXPECT_EQ(qorLogCount(0x148065), 1u);
+  EXPECT_EQ(addOspf(4), RTM_ROUTE_LIMIT);  // 4 active: at the limit
+  EXPECT_EQ(qorLogCount(0x14805F), 1u);
+  EXPECT_EQ(head("10.4.0.0", 16), nullptr);
+  // An existing prefix takes a new protocol's entry; a connected route is never counted.
+  Route r = rip("10.3.0.0", 16);
+  EXPECT_EQ(add(kRip, r), RTM_SUCCESS);
+  Route c;
+  c.prefix("10.200.0.0", 16).proto(RTM_PROTO_CONNECTED).pref(0).nh("0.0.0.0", 9);
+  EXPECT_EQ(add(kConn, c), RTM_SUCCESS);
+  // Warning-only mode takes the route and says so.
+  vc->warning_only[0] = 1;
+  EXPECT_EQ(addOspf(5), RTM_SUCCESS);
+  EXPECT_EQ(qorLogCount(0x148066), 1u);
+  // Threshold equal to the limit refuses at the limit, without the warning.
+  vc->warning_only[0] = 0;
+  vc->warn_threshold[0] = 100;
+  vc->max_routes[0] = 5;
+  qorLogClearRecent();
+  EXPECT_EQ(addOspf(6), RTM_ROUTE_LIMIT);
+  EXPECT_EQ(qorLogCount(0x148065), 0u);
+  EXPECT_EQ(qorLogCount(0x14805F), 1u);
+}
+
+TEST_F(Routes, BlockedClientIsDroppedButLeakedRoutesPass) {
+  Route o = ospf();
+  ASSERT_EQ(add(kOspf, o), RTM_SUCCESS);
+  rvi(kOspf)->rvi_blocked = 1;
+  Route n = ospf("10.7.0.0", 16);
+  EXPECT_EQ(add(kOspf, n), RTM_SUCCESS);
+  EXPECT_EQ(head("10.7.0.0", 16), nullptr);
+  EXPECT_TRUE(qorLogSaw("Routes from client3 is blocked"));
+  EXPECT_EQ(del(kOspf, o), RTM_SUCCESS);
+  EXPECT_NE(head("10.1.0.0", 16)->rtmh_rte, nullptr);  // the delete was dropped too
+  n.flags(RTP_FLAG_LEAKED);
+  EXPECT_EQ(add(kOspf, n), RTM_SUCCESS);
+  ASSERT_NE(head("10.7.0.0", 16), nullptr);
+  EXPECT_EQ(head("10.7.0.0", 16)->rtmh_rte->rte_leak, RTE_LEAK_IMPORTED);
+}
+
+TEST_F(Routes, UnnumberedRoutesGatherNextHopsOneByOne) {
+  auto pos = [](const char *nh, uint32_t ifindex) {
+    Route r;
+    r.prefix("10.8.8.8", 32).proto(RTM_PROTO_POS).pref(0).nh(nh, ifindex);
+    return r;
+  };
+  Route a = pos("0.0.0.0", 11), b = pos("0.0.0.0", 12);
+  ASSERT_EQ(add(kPos, a), RTM_SUCCESS);
+  ASSERT_EQ(add(kPos, b), RTM_SUCCESS);
+  EXPECT_EQ(add(kPos, b), RTM_SUCCESS);  // already on the route
+  rt_head *h = head("10.8.8.8", 32);
+  ASSERT_NE(h, nullptr);
+  ASSERT_EQ(entries(h).size(), 1u);
+  rt_entry *e = h->rtmh_rte;
+  EXPECT_EQ(e->rte_proto, RTM_PROTO_CONNECTED);
+  EXPECT_EQ(e->rte_subtype, RT_UNNUMBERED);
+  EXPECT_EQ(e->rte_nnh, 2u);
+  EXPECT_EQ(refs("0.0.0.0", 11), 1);
+  EXPECT_EQ(refs("0.0.0.0", 12), 1);
+  EXPECT_EQ(refs("10.8.8.8", 0), 1);  // the host's own next hop
+  // Counted on the connected client.
+  EXPECT_EQ(active(kConn), 1u);
+  // Taking off the one in the first slot: the other moves down, result 7.
+  uint64_t v = version(h);
+  EXPECT_EQ(del(kPos, a), RTM_SUCCESS);
+  ASSERT_EQ(entries(h).size(), 1u);
+  EXPECT_EQ(h->rtmh_rte->rte_nnh, 1u);
+  EXPECT_EQ(rtmRteNh(h->rtmh_rte)[0]->rtn_ifindex, 12u);
+  EXPECT_GT(version(h), v);
+  EXPECT_EQ(refs("0.0.0.0", 11), 0);
+  // The last one: the entry goes with the host's own next hop.
+  EXPECT_EQ(del(kPos, b), RTM_SUCCESS);
+  EXPECT_EQ(h->rtmh_rte, nullptr);
+  EXPECT_EQ(refs("0.0.0.0", 12), 0);
+  EXPECT_EQ(refs("10.8.8.8", 0), 0);
+  EXPECT_EQ(active(kConn), 0u);
+}
+
+TEST_F(Routes, UnnumberedDeleteOfTheLastSlotTakesTheWholeEntry) {
+  Route r;
+  for (uint32_t i : {21u, 22u, 23u}) {
+    r = Route();
+    r.prefix("10.8.8.9", 32).proto(RTM_PROTO_POS).pref(0).nh("0.0.0.0", i);
+    ASSERT_EQ(add(kPos, r), RTM_SUCCESS);
+  }
+  rt_head *h = head("10.8.8.9", 32);
+  ASSERT_EQ(h->rtmh_rte->rte_nnh, 3u);
+  EXPECT_EQ(del(kPos, r), RTM_SUCCESS);  // ifindex 23, the last slot
+  EXPECT_EQ(h->rtmh_rte, nullptr);
+  for (uint32_t i : {21u, 22u, 23u}) EXPECT_EQ(refs("0.0.0.0", i), 0) << i;
+  EXPECT_EQ(refs("10.8.8.9", 0), 0);
+}
+
+TEST_F(Routes, ConnectedTreeKeepsOneEntryAndMovesEveryTime) {
+  Route r = ospf("10.11.0.0", 16);
+  r.flags(RTP_FLAG_CONNECTED);
+  qor_radix_tree *con = rtmConRibGetTree(0, 0);
+  ASSERT_EQ(add(kOspf, r), RTM_SUCCESS);
+  rt_head *h = head("10.11.0.0", 16, 0, con);
+  ASSERT_NE(h, nullptr);
+  uint64_t v = version(h);
+  ASSERT_EQ(add(kOspf, r), RTM_SUCCESS);
+  EXPECT_EQ(entries(h).size(), 1u);
+  EXPECT_GT(version(h), v);
+  EXPECT_EQ(head("10.11.0.0", 16), nullptr);  // never in the main tree
+  EXPECT_EQ(inactive(kOspf), 1u);
+  EXPECT_EQ(active(kOspf), 0u);
+  EXPECT_EQ(refs("192.168.1.1", 5), 1);
+  ASSERT_EQ(del(kOspf, r), RTM_SUCCESS);
+  EXPECT_EQ(entries(h).size(), 0u);
+  EXPECT_EQ(inactive(kOspf), 0u);
+  EXPECT_EQ(refs("192.168.1.1", 5), 0);
+  // BGP's connected deletes are not taken here.
+  Route b = r;
+  b.proto(RTM_PROTO_BGP);
+  EXPECT_EQ(rtmDelRouteProtoCon(0, kBgp, b.p()), RTM_SUCCESS);
+}
+
+TEST_F(Routes, WeightsAndExportedRoutes) {
+  Route w = ospf("10.12.0.0", 16);
+  w.nh("192.168.1.2", 5, 0, 3);
+  rtpnhSetWeight(rtpNh(w.p(), 0, 0), 0, 7);
+  w.flags(RTP_FLAG_WECMP);
+  ASSERT_EQ(add(kOspf, w), RTM_SUCCESS);
+  rt_entry *e = head("10.12.0.0", 16)->rtmh_rte;
+  EXPECT_EQ(e->rte_wecmp, 1u);
+  EXPECT_EQ(rtmRteNh(e)[0]->rtn_weight, 7u);
+  EXPECT_EQ(rtmRteNh(e)[1]->rtn_weight, 3u);
+  // An exported active route that is displaced must be withdrawn from the importers.
+  rt_head *h = head("10.12.0.0", 16);
+  h->rtmh_exported = 1;
+  Route s;
+  s.prefix("10.12.0.0", 16).proto(RTM_PROTO_STATIC).pref(1).nh("192.168.3.1", 4);
+  ASSERT_EQ(add(kStatic, s), RTM_SUCCESS);
+  EXPECT_EQ(h->rtmh_delExported, 1u);
+  rt_head_ext *ext = rtmHeadExt(h);
+  ASSERT_NE(ext, nullptr);
+  EXPECT_EQ(ext->rtmh_delProto, RTM_PROTO_OSPF);
+  EXPECT_EQ(ext->rtmh_delCid, kOspf);
+  EXPECT_EQ(ext->rtmh_delSubtype, RT_OSPF_INTRA);
+}
+
+TEST_F(Routes, Ipv6TakesTheSamePath) {
+  client(kOspf, RTM_PROTO_OSPF, RTM_IPV6UNI_AFINDEX);
+  Route r(RTM_IPV6UNI_AFINDEX);
+  r.prefix("2001:db8:1::", 48).proto(RTM_PROTO_OSPF).pref(110).nh("fe80::1", 3).tlv("abc");
+  ASSERT_EQ(add(kOspf, r), RTM_SUCCESS);
+  rt_head *h = head("2001:db8:1::", 48, RTM_IPV6UNI_AFINDEX);
+  ASSERT_NE(h, nullptr);
+  rt_entry *e = h->rtmh_rte;
+  EXPECT_EQ(e->rte_af6, 1u);
+  EXPECT_EQ(memcmp(rtmRteTlv(e), "abc", 3), 0);
+  EXPECT_EQ(refs("fe80::1", 3, 0, RTM_IPV6UNI_AFINDEX), 1);
+  ASSERT_EQ(del(kOspf, r), RTM_SUCCESS);
+  EXPECT_EQ(h->rtmh_rte, nullptr);
+  EXPECT_EQ(refs("fe80::1", 3, 0, RTM_IPV6UNI_AFINDEX), 0);
+}
+
+TEST_F(Routes, OutOfMemoryLeavesNothingBehind) {
+  struct Case {
+    const char *what;
+    void (*arm)();
+  } cases[] = {
+      {"entry", [] { qorMemVarFailNext(1); }},
+      {"head", [] { qorMemFailNext(RTM_MAIN_RIB_HEAD_POOL, 1); }},
+      {"radix node", [] { qorMemFailNext(RTM_RIB_RDX_POOL, 1); }},
+  };
+  // A tree with a route already, so a new prefix needs a node.
+  Route first = ospf("10.50.0.0", 16);
+  ASSERT_EQ(add(kOspf, first), RTM_SUCCESS);
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.what);
+    Route r = ospf("10.60.0.0", 16);
+    r.nh("192.168.7.7", 2);
+    c.arm();
+    EXPECT_EQ(add(kOspf, r), RTM_NO_MEMORY);
+    EXPECT_EQ(head("10.60.0.0", 16), nullptr);
+    EXPECT_EQ(refs("192.168.7.7", 2), 0);
+    EXPECT_EQ(refs("192.168.1.1", 5), 1);
+    qorMemVarFailNext(0);
+    qorMemFailNext(RTM_MAIN_RIB_HEAD_POOL, 0);
+    qorMemFailNext(RTM_RIB_RDX_POOL, 0);
+  }
+}
+
+}  // namespace
