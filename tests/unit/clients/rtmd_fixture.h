@@ -1,0 +1,142 @@
+// rtmd brought up in-process on real sockets, with peers that talk to it in real message
+// bytes: the fixture of the client and next-hop tests.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <deque>
+#include <string>
+#include <vector>
+
+#include "clients/rtm_client.h"
+#include "frame/rtm_frame.h"
+#include "ipc/qor_ipc.h"
+#include "log/qor_log.h"
+#include "mem/qor_mem.h"
+#include "rtm/rtm_client_msgs.h"
+#include "rtm/rtm_msgs.h"
+#include "rtm/rtm_wire.h"
+#include "swp/qor_swp.h"
+#include "tests/support/rtmd_process.h"
+#include "timer/qor_timer.h"
+
+namespace rtmtest {
+
+using Msg = std::vector<uint8_t>;
+
+// A process that talks to rtmd: one endpoint (svce, inst).
+struct Peer {
+  int key = -1;
+  uint32_t svce = 0, inst = 0;
+  int queue() const { return Key_getReqQueue(key); }
+};
+
+// What a registration message says.
+struct Reg {
+  uint32_t proto = RTM_PROTO_OSPF;
+  uint32_t instance = 0;
+  uint8_t afIndex = RTM_IPV4UNI_AFINDEX;
+  uint32_t vrfId = 0;
+  uint16_t multiQ = 0;
+  uint32_t noOfQs = 0;
+  const char *name = "client";
+  uint32_t mtype = MT_RTM_REG_CLIENT;
+};
+
+class RtmdTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    qorLogReset();
+    qorLogSetEcho(false);
+    qorClockUseManual(true);
+    ASSERT_EQ(qorIpcSetRunDir(dir.path().c_str()), 0);
+    rtmClkRate = sysClkRateGet();
+    rtmThreads = qorThreadInit(&rtmThreadMain, 0);
+    ASSERT_GT(rtmThreads, 0);
+    ASSERT_EQ(rtmTaskInit(1), 0);
+    rtmIfmRegState = rtmChmRegState = 1;
+    buffer.assign(RTM_IPC_BUF_SIZE, 0);
+  }
+  void TearDown() override {
+    qorMemFailAfter(-1);
+    for (Peer &p : peers) qorIpcClose(p.key);
+    rtmFrameReset();
+    qorClockUseManual(false);
+    qorLogSetEcho(true);
+  }
+
+  Peer &open(uint32_t svce, uint32_t inst = 0) {
+    Peer p;
+    p.key = qorIpcOpen(svce, inst);
+    p.svce = svce;
+    p.inst = inst;
+    EXPECT_GE(p.key, 0);
+    peers.push_back(p);
+    return peers.back();
+  }
+
+  static Msg regMsg(const Peer &p, const Reg &r) {
+    Msg m(RTM_REG_MSG_LEN, 0);
+    rtm::st32(m.data(), IPC_OFF_MLEN, RTM_REG_MSG_LEN);
+    rtm::st32(m.data(), IPC_OFF_MTYPE, r.mtype);
+    strncpy(reinterpret_cast<char *>(m.data() + RTM_REG_OFF_NAME), r.name, RTM_REG_NAME_LEN);
+    rtm::st32(m.data(), RTM_REG_OFF_PROTO, r.proto);
+    rtm::st32(m.data(), RTM_REG_OFF_INSTANCE, r.instance);
+    rtm::st32(m.data(), RTM_REG_OFF_VRFID, r.vrfId);
+    rtm::st32(m.data(), RTM_REG_OFF_SVCE, p.svce);
+    rtm::st32(m.data(), RTM_REG_OFF_IPCINST, p.inst);
+    m[RTM_REG_OFF_AFINDEX] = r.afIndex;
+    rtm::st16(m.data(), RTM_REG_OFF_MULTIQ, r.multiQ);
+    rtm::st32(m.data(), RTM_REG_OFF_NOOFQS, r.noOfQs);
+    return m;
+  }
+
+  // Sends msg (its mlen as written) from the peer to rtmd and lets rtmd handle all it has.
+  void send(const Peer &p, Msg m) {
+    ASSERT_TRUE(addressMessage(m.data(), p.queue(), RTM_SVCE, 0));
+    ASSERT_EQ(qorIpcSend(p.queue(), m.data(), static_cast<uint32_t>(m.size())), 0);
+    pump();
+  }
+  void pump() {
+    while (rtmRecvFromAllQ(buffer.data(), 0) == 0) {
+    }
+  }
+
+  // Everything that has reached the peer, oldest first.
+  std::vector<Msg> received(const Peer &p) {
+    std::vector<Msg> out;
+    for (;;) {
+      Msg b(RTM_IPC_BUF_SIZE);
+      int n = qorIpcRecv(p.queue(), b.data(), static_cast<uint32_t>(b.size()), QOR_IPC_NOWAIT, 0, 0);
+      if (n <= 0) break;
+      b.resize(static_cast<size_t>(n));
+      out.push_back(std::move(b));
+    }
+    return out;
+  }
+  static std::vector<Msg> ofType(const std::vector<Msg> &all, uint32_t mtype) {
+    std::vector<Msg> out;
+    for (const Msg &m : all)
+      if (m.size() >= IPC_HDR_LEN && rtm::ld32(m.data(), IPC_OFF_MTYPE) == mtype) out.push_back(m);
+    return out;
+  }
+
+  // Registers and gives the answer: mstatus, and reg_cid in *cid.
+  uint32_t reg(const Peer &p, const Reg &r, uint32_t *cid = nullptr) {
+    send(p, regMsg(p, r));
+    std::vector<Msg> answers = ofType(received(p), r.mtype);
+    EXPECT_EQ(answers.size(), 1u);
+    if (answers.empty()) return 0xDEAD;
+    if (cid) *cid = rtm::ld32(answers[0].data(), RTM_REG_OFF_CID);
+    return rtm::ld32(answers[0].data(), IPC_OFF_MSTATUS);
+  }
+
+  static bool queueExists(uint32_t q) { return q != 0 && qorSwpQueueGetLen(q) >= 0; }
+
+  TempDir dir;
+  std::vector<uint8_t> buffer;
+  std::deque<Peer> peers;  // references to a peer stay valid
+};
+
+}  // namespace rtmtest
