@@ -6,6 +6,7 @@
 
 #include <cstring>
 #include <deque>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -103,9 +104,10 @@ class RtmdTest : public ::testing::Test {
     }
   }
 
-  // Everything that has reached the peer, oldest first.
+  // Everything that has reached the peer, oldest first (what reg() passed over included).
   std::vector<Msg> received(const Peer &p) {
-    std::vector<Msg> out;
+    std::vector<Msg> out = std::move(backlog[p.key]);
+    backlog.erase(p.key);
     for (;;) {
       Msg b(RTM_IPC_BUF_SIZE);
       int n = qorIpcRecv(p.queue(), b.data(), static_cast<uint32_t>(b.size()), QOR_IPC_NOWAIT, 0, 0);
@@ -122,10 +124,17 @@ class RtmdTest : public ::testing::Test {
     return out;
   }
 
-  // Registers and gives the answer: mstatus, and reg_cid in *cid.
+  // Registers and gives the answer: mstatus, and reg_cid in *cid. What else reached the peer
+  // (first contents of a new agent) waits for received().
   uint32_t reg(const Peer &p, const Reg &r, uint32_t *cid = nullptr) {
     send(p, regMsg(p, r));
-    std::vector<Msg> answers = ofType(received(p), r.mtype);
+    std::vector<Msg> all = received(p), answers;
+    for (Msg &m : all) {
+      if (rtm::ld32(m.data(), IPC_OFF_MTYPE) == r.mtype)
+        answers.push_back(std::move(m));
+      else
+        backlog[p.key].push_back(std::move(m));
+    }
     EXPECT_EQ(answers.size(), 1u);
     if (answers.empty()) return 0xDEAD;
     if (cid) *cid = rtm::ld32(answers[0].data(), RTM_REG_OFF_CID);
@@ -137,6 +146,7 @@ class RtmdTest : public ::testing::Test {
   TempDir dir;
   std::vector<uint8_t> buffer;
   std::deque<Peer> peers;  // references to a peer stay valid
+  std::map<int, std::vector<Msg>> backlog;
 };
 
 }  // namespace rtmtest
