@@ -1,0 +1,322 @@
+// rtm_client_lib: what a routing protocol process needs to talk to rtmd.
+//
+// Two layers, usable apart:
+//
+//  1. Encoders and decoders of the messages a protocol client sends and receives: the
+//     registration forms (MT_RTM_REG_CLIENT 0x3201/0x3220/0x323F, MT_RTM_REG_CLIENT_BOTH,
+//     MT_RTM_REG_NONRT_CLIENT), deregistration (MT_RTM_DEREG_CLIENT, MT_RTM_DEREG_AF_CLIENT,
+//     MT_RTM_DEREG_CLIENT_BOTH), route updates (MT_RTM_UPD_ROUTE) and the route-count query.
+//     They write and read big-endian bytes at fixed offsets, never a host struct, check every
+//     length, and have no state: a program that brings its own transport can use them alone.
+//
+//  2. rtmclient::ProtoClient, a protocol client over the platform's IPC and SWP libraries:
+//     it opens an endpoint, registers (send-and-wait for the reply), packs routes into
+//     8192-byte update messages and sends them on one SWP queue per family, waits when the
+//     window is full, answers what rtmd sends back, and withdraws routes.
+//
+// A minimal program:
+//
+//     rtmclient::ProtoClient::Options o;
+//     o.svce = 307; o.inst = 1;                   // our endpoint, <run-dir>/ipc/307.1
+//     o.proto = RTM_PROTO_BGP; o.instance = 1; o.name = "bgp-1";
+//     rtmclient::ProtoClient c(o);
+//     if (c.open() || c.registerFamily(RTM_IPV4UNI_AFINDEX)) die(c.lastError());
+//     rtmclient::NextHop nh{}; rtmclient::parseAddr(RTM_IPV4UNI_AFINDEX, "192.0.2.1", nh.addr);
+//     rtmclient::Route r{}; r.afIndex = 0; r.prefixLen = 24; ...; r.nh = &nh; r.nnh = 1;
+//     c.add(r);                                    // buffered; sent when a message is full
+//     c.flush(); c.waitIdle(10000);                // everything sent and acknowledged
+//
+// The run directory is chosen with qorIpcSetRunDir() before open() (see docs/ipc.md).
+// Nothing here throws; every call reports a result code, and ProtoClient keeps a readable
+// text of its last failure. ProtoClient is not thread-safe: use it from one thread.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "rtm/rtm_client_msgs.h"
+#include "rtm/rtm_msgs.h"
+#include "rtm/rtm_route_count.h"
+#include "rtm/rtm_types.h"
+#include "rtm/rtm_wire.h"
+
+namespace rtmclient {
+
+// ---- Registration -------------------------------------------------------------------------
+//
+// The registration record (all forms share it). rtmd answers with the same bytes, mstatus at
+// offset 20 (0 success, 1 failure) and the client handle at offset 60.
+
+// The layouts are the daemon's own (rtm/rtm_client_msgs.h); these are their short names here.
+constexpr size_t REG_MSG_LEN = RTM_REG_MSG_LEN;
+constexpr size_t REG_OFF_CID = RTM_REG_OFF_CID;
+constexpr size_t REG_OFF_NAME = RTM_REG_OFF_NAME;  // 40 bytes, not terminated when full
+constexpr size_t REG_NAME_LEN = RTM_REG_NAME_LEN;
+constexpr size_t REG_OFF_PROTO = RTM_REG_OFF_PROTO;
+constexpr size_t REG_OFF_INSTANCE = RTM_REG_OFF_INSTANCE;
+constexpr size_t REG_OFF_VRFID = RTM_REG_OFF_VRFID;
+constexpr size_t REG_OFF_FLAGS = RTM_REG_OFF_FLAGS;
+constexpr size_t REG_OFF_SVCE = RTM_REG_OFF_SVCE;
+constexpr size_t REG_OFF_CARD = RTM_REG_OFF_CARD;
+constexpr size_t REG_OFF_IPCINST = RTM_REG_OFF_IPCINST;
+constexpr size_t REG_OFF_SPARE = RTM_REG_OFF_SPARE;
+constexpr size_t REG_OFF_FILTER = RTM_REG_OFF_FILTER;
+constexpr size_t REG_OFF_AFINDEX = RTM_REG_OFF_AFINDEX;  // u8
+constexpr size_t REG_OFF_MULTIQ = RTM_REG_OFF_MULTIQ;    // u16
+constexpr size_t REG_OFF_NOOFQS = RTM_REG_OFF_NOOFQS;
+
+// MT_RTM_DEREG_AF_CLIENT keeps its family in the byte at 64.
+constexpr size_t DEREG_AF_OFF_AFINDEX = RTM_DEREG_AF_OFF_AFINDEX;
+
+// MT_RTM_REG_NONRT_CLIENT (ARP and NDP managers).
+constexpr size_t NONRT_OFF_WHICH = RTM_NONRT_OFF_SELECT;  // 1 ARP, 2 NDP
+constexpr size_t NONRT_OFF_TASK = RTM_NONRT_OFF_TASK;
+constexpr size_t NONRT_OFF_WORD = RTM_NONRT_OFF_WORD;
+constexpr size_t NONRT_OFF_SVCE = RTM_NONRT_OFF_SVCE;
+constexpr size_t NONRT_OFF_INST = RTM_NONRT_OFF_INST;
+constexpr uint32_t NONRT_ARP = RTM_NONRT_ARP;
+constexpr uint32_t NONRT_NDP = RTM_NONRT_NDP;
+
+struct RegRequest {
+  // 0x3201, 0x3220 (the same), 0x323F (vrfId taken as given; the others put protocols below 25
+  // in VRF 0 and the rest in ALL_VRF_ID) or 0x3269 (both families at once).
+  uint32_t mtype = MT_RTM_REG_CLIENT;
+  std::string name;  // at most 40 bytes are sent
+  uint32_t proto = 0;
+  uint32_t instance = 0;
+  uint32_t vrfId = 0;
+  uint32_t flags = 0;
+  uint32_t svce = 0;     // our IPC service: rtmd sends redistribution to (svce, ipcInst)
+  uint32_t card = 0;
+  uint32_t ipcInst = 0;  // our IPC instance
+  uint32_t spare = 0;
+  uint32_t filter = 0;
+  uint8_t afIndex = RTM_IPV4UNI_AFINDEX;
+  uint16_t multiQ = 0;  // 1: rtmd keeps one expected sequence per sender queue handle
+  uint32_t noOfQs = 0;  // how many such queues (at most MAX_VRF)
+};
+
+// Writes the request into buf. Returns the message length (REG_MSG_LEN), or 0 when cap is too
+// small, the type is not a registration, or noOfQs exceeds MAX_VRF.
+size_t encodeRegister(const RegRequest &req, uint8_t *buf, size_t cap);
+// Reads a registration (as rtmd receives it). RTM_WIRE_OK or RTM_WIRE_ESHORT.
+int decodeRegister(const uint8_t *buf, size_t len, RegRequest *out);
+
+struct RegReply {
+  uint32_t status = 1;  // mstatus: 0 registered (or already registered), else refused
+  uint32_t cid = 0;     // the handle; for 0x3269 the IPv4 handle << 16 | the IPv6 handle
+  uint32_t cidV4() const { return cid >> 16; }
+  uint32_t cidV6() const { return cid & 0xFFFF; }
+};
+// Reads rtmd's answer to any registration or deregistration. RTM_WIRE_OK or RTM_WIRE_ESHORT.
+int decodeRegReply(const uint8_t *buf, size_t len, RegReply *out);
+
+// MT_RTM_DEREG_CLIENT: the handle at 60, the family byte at 160.
+size_t encodeDeregister(uint32_t cid, uint8_t afIndex, uint8_t *buf, size_t cap);
+// MT_RTM_DEREG_AF_CLIENT: the handle at 60, the family byte at 64.
+size_t encodeDeregisterAf(uint32_t cid, uint8_t afIndex, uint8_t *buf, size_t cap);
+// MT_RTM_DEREG_CLIENT_BOTH: both handles in the word at 60, as 0x3269 gave them.
+size_t encodeDeregisterBoth(uint32_t cidV4, uint32_t cidV6, uint8_t *buf, size_t cap);
+// MT_RTM_REG_NONRT_CLIENT, for the ARP (NONRT_ARP) and NDP (NONRT_NDP) managers.
+size_t encodeRegisterNonRt(uint32_t which, uint32_t task, uint32_t svce, uint32_t inst, uint32_t word,
+                           uint8_t *buf, size_t cap);
+
+// ---- Route updates ------------------------------------------------------------------------
+//
+// MT_RTM_UPD_ROUTE: a header (handle at 140, element count at 144, family byte at 149) and
+// packed elements, each a sub-command word (1 add, 2 delete) and an rt_parms cut after its
+// next hops, then its TLV bytes. rtm/rtm_types.h has the layout.
+
+struct NextHop {
+  uint8_t addr[16] = {};  // 4 bytes used for IPv4
+  uint32_t ifindex = 0;   // 0: rtmd resolves the address
+  uint32_t vrfId = 0;
+  uint32_t weight = 0;    // used with RTP_FLAG_WECMP
+};
+
+struct Route {
+  uint8_t afIndex = RTM_IPV4UNI_AFINDEX;  // must be the message's family
+  uint8_t prefixLen = 0;
+  uint8_t prefix[16] = {};
+  uint8_t gateway[16] = {};
+  uint16_t pref = 0;  // 0 is accepted from connected, static, POS and VRRP only
+  uint16_t subpref = 0;
+  uint32_t vrfId = 0;
+  uint32_t proto = 0;  // must be the client's protocol
+  uint32_t subtype = 0;
+  int32_t metric = 0;
+  uint32_t tag = 0;
+  uint32_t flags = 0;  // RTP_FLAG_*
+  uint32_t srcVrf = 0;
+  const NextHop *nh = nullptr;  // nnh of them, 1..64 for an add
+  uint16_t nnh = 0;
+  const uint8_t *tlv = nullptr;  // opaque to rtmd
+  uint16_t tlvlen = 0;
+};
+
+// Bytes one element of this route takes.
+inline size_t routeElemSize(const Route &r) { return rtmRouteElemSize(r.afIndex, r.nnh, r.tlvlen); }
+// Largest number of elements of this shape that fit in one message.
+inline size_t routesPerMessage(uint8_t afIndex, unsigned nnh, unsigned tlvlen = 0) {
+  return (RTM_IPC_BUF_SIZE - RTM_UPD_OFF_ELEMS) / rtmRouteElemSize(afIndex, nnh, tlvlen);
+}
+
+// Starts an update message of the family for client `cid` in buf (cap bytes, normally
+// RTM_IPC_BUF_SIZE): header zeroed, no elements. RTM_WIRE_OK, ENOSPACE or EAF.
+int routeMsgInit(uint8_t *buf, size_t cap, uint32_t cid, uint8_t afIndex);
+// Appends one element (RTM_UPD_ADD or RTM_UPD_DEL). RTM_WIRE_OK; RTM_WIRE_ENOSPACE when it
+// does not fit (the message is unchanged: send it and start another); RTM_WIRE_EAF when the
+// route's family differs from the message's; RTM_WIRE_ENOFIELD for more than 64 next hops.
+int routeMsgAdd(uint8_t *buf, size_t cap, uint32_t subCmd, const Route &r);
+// Elements so far, and the message length (the header's mlen).
+uint32_t routeMsgCount(const uint8_t *buf);
+uint32_t routeMsgLen(const uint8_t *buf);
+
+// Reads one element found by rtmRouteIterNext. Next hops go to nhOut (nhCap of them; the
+// route's nh points there) and r->tlv points into the message. RTM_WIRE_OK, or
+// RTM_WIRE_ENOSPACE when the element has more next hops than nhCap.
+int routeDecode(const rtm_route_celem &el, uint8_t afIndex, Route *r, NextHop *nhOut, size_t nhCap);
+
+// ---- Route count --------------------------------------------------------------------------
+
+// The query (MT_NM_CMD, sub-code MT_RTM_GET_ROUTE_COUNT): afIndex 0, 2 or RTM_RC_ALL_AF;
+// vrfId or ALL_VRF_ID; cursor 0 for the first page. Returns RTM_RC_REQ_LEN, or 0 if cap is
+// too small.
+size_t encodeRouteCountRequest(uint32_t afIndex, uint32_t vrfId, uint32_t cursor, uint8_t *buf, size_t cap);
+
+struct RouteCountRow {
+  uint32_t cid = 0;
+  uint8_t afIndex = 0;
+  uint8_t flags = 0;  // RTM_RC_ROW_BLOCKED
+  uint32_t proto = 0, instance = 0, vrfId = 0;
+  uint32_t active = 0, inactive = 0, activeBgp = 0, inactiveBgp = 0;
+  uint32_t subtype[RTM_RC_SUBTYPE_COUNTERS] = {};
+};
+struct RouteCountReply {
+  uint32_t status = RTM_RC_EBADREQ;
+  uint32_t next = 0, total = 0;
+  uint64_t active = 0, inactive = 0, activeBgp = 0, inactiveBgp = 0, prefixes = 0;
+  std::vector<RouteCountRow> rows;  // this page's
+};
+// Reads one reply page; rows are appended to out->rows. RTM_WIRE_OK, or RTM_WIRE_ESHORT when
+// the reply is shorter than its row count says (nothing is appended then).
+int decodeRouteCountReply(const uint8_t *buf, size_t len, RouteCountReply *out);
+
+// Asks rtmd over the key's response queue, page after page, and gathers every row.
+// 0, or -1 with errno (the send-and-wait's) or EPROTO for a malformed or refused answer.
+int queryRouteCount(int key, uint32_t afIndex, uint32_t vrfId, RouteCountReply *out, int attemptMs = 2000,
+                    int retries = 2);
+
+// ---- Text helpers -------------------------------------------------------------------------
+
+// Protocol id of a name ("bgp", "ospf", "isis", "rip", ...; case-insensitive) or of a number;
+// 0 when unknown.
+uint32_t protoFromName(const std::string &name);
+// The preference a protocol's routes usually carry (BGP 20, OSPF 110, IS-IS 115, RIP 120, ...).
+uint16_t defaultPreference(uint32_t proto);
+// The usual subtype of a protocol's routes (BGP external, OSPF intra-area, IS-IS level 2).
+uint32_t defaultSubtype(uint32_t proto);
+// Parses an address of the family into addr (4 or 16 bytes). False on a bad text.
+bool parseAddr(uint8_t afIndex, const std::string &text, uint8_t *addr);
+// "a.b.c.d" or IPv6 text of 4 or 16 bytes.
+std::string addrToString(uint8_t afIndex, const uint8_t *addr);
+
+// ---- The protocol client ------------------------------------------------------------------
+
+class ProtoClient {
+ public:
+  struct Options {
+    uint32_t svce = 0;  // our endpoint (service, instance); must be free in the run directory
+    uint32_t inst = 0;
+    uint32_t proto = 0;     // what we register as
+    uint32_t instance = 0;  // protocol instance
+    uint32_t vrfId = 0;     // with regType 0x323F; the others let rtmd choose
+    uint32_t regType = MT_RTM_REG_CLIENT;
+    uint32_t regFlags = 0;
+    std::string name;
+    // The SWP queue per family: messages unacknowledged on the wire, and held in all before
+    // add() and flush() wait for acknowledgements.
+    uint32_t window = 24;
+    uint32_t size = 48;
+    // Registration: each attempt waits this long, and is repeated this many more times.
+    int replyWaitMs = 2000;
+    int replyRetries = 2;
+  };
+
+  struct Stats {
+    uint64_t routes = 0;       // elements sent (adds and deletes)
+    uint64_t messages = 0;     // update messages enqueued
+    uint64_t acks = 0;         // acknowledgements handled
+    uint64_t fullWaits = 0;    // times a full queue made us wait
+    uint64_t received = 0;     // other messages from rtmd, answered on their SWP queues
+    uint64_t retransmitted = 0;
+  };
+
+  explicit ProtoClient(Options opts);
+  ~ProtoClient();  // closes the endpoint and removes the queues; does not deregister
+  ProtoClient(const ProtoClient &) = delete;
+  ProtoClient &operator=(const ProtoClient &) = delete;
+
+  // Opens our endpoint. 0, or -1 (lastError() says why).
+  int open();
+  // Registers in a family (0 or 2) and makes that family's SWP queue. A client that was
+  // registered before (by an earlier run) gets its old handle back. 0 or -1.
+  int registerFamily(uint8_t afIndex);
+  bool registered(uint8_t afIndex) const;
+  uint32_t cid(uint8_t afIndex) const;
+
+  // Buffers one add or delete of the route's family; a full message is sent, waiting for
+  // room in the window when needed. 0 or -1.
+  int add(const Route &r);
+  int del(const Route &r);
+  // Sends what is buffered. 0 or -1.
+  int flush();
+  // Waits until everything sent has been acknowledged (flush first). 0; -1 on time-out or
+  // when rtmd stopped acknowledging.
+  int waitIdle(int timeoutMs);
+  // Handles what arrived (acks; messages on rtmd's queues to us, which are acknowledged and
+  // then given to the message handler), waiting up to timeoutMs for the first. Also runs the
+  // retransmission timers. Returns the number of messages handled, or -1.
+  int poll(int timeoutMs);
+  // Deregisters the family (rtmd then removes every route of ours in it) and removes its
+  // queue. 0 or -1.
+  int deregister(uint8_t afIndex);
+
+  // Enqueues a message exactly as given on the family's SWP queue (the queue writes the IPC
+  // and SWP headers). For tests and for messages this class has no encoder for. 0 or -1.
+  int sendRaw(uint8_t afIndex, const uint8_t *msg, size_t len);
+
+  // Called for each message of rtmd's other than an acknowledgement, after it was answered.
+  void setMessageHandler(std::function<void(const uint8_t *msg, size_t len)> fn) { handler_ = std::move(fn); }
+
+  int key() const { return key_; }
+  Stats stats() const;
+  const std::string &lastError() const { return err_; }
+
+ private:
+  struct Family {
+    bool registered = false;
+    uint32_t cid = 0;
+    uint32_t queue = 0;
+    uint8_t *pending = nullptr;  // the message being filled, or null
+  };
+  int append(uint32_t subCmd, const Route &r);
+  int enqueue(Family &f, uint8_t *msg, size_t len);
+  int handle(const uint8_t *msg, size_t len);
+  int fail(const std::string &what);
+  Family *family(uint8_t afIndex);
+
+  Options opts_;
+  int key_ = -1;
+  uint32_t seqList_ = 0;  // expected sequences of rtmd's queues towards us
+  Family fam_[2];
+  Stats stats_;
+  std::function<void(const uint8_t *, size_t)> handler_;
+  std::string err_;
+  std::vector<uint8_t> rx_;
+};
+
+}  // namespace rtmclient
