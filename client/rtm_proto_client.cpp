@@ -7,11 +7,9 @@
 // the back-pressure, and rtmd's window of unacknowledged messages bounds what waits in its
 // socket.
 //
-// Registration asks rtmd for an expected-sequence list (multiQ with one queue) rather than a
-// single expected sequence. A protocol process that restarts and registers again keeps its
-// old handle, but its new queue starts at sequence 1 under a new queue handle; with a list
-// rtmd takes the new handle as a sender that started over, where a single expected word would
-// still wait for the old process's next sequence and drop everything.
+// A process that restarts registers again and gets its old handle back; rtmd then expects its
+// new queue to start at sequence 1, which it does, so routes left by the previous run can be
+// withdrawn by the next.
 //
 // rtmd also sends to us (redistribution, next-hop updates) on its own SWP queues; each such
 // message is acknowledged here before the user's handler sees it, or rtmd would retransmit
@@ -117,8 +115,6 @@ int ProtoClient::registerFamily(uint8_t afIndex) {
   req.card = QOR_IPC_LOCAL_CARD;
   req.ipcInst = opts_.inst;
   req.afIndex = afIndex;
-  req.multiQ = 1;
-  req.noOfQs = 1;
   uint8_t msg[REG_MSG_LEN], reply[RTM_IPC_BUF_SIZE];
   size_t len = encodeRegister(req, msg, sizeof msg);
   if (!len) return fail("registration does not encode");
