@@ -145,14 +145,4 @@ TEST(FeedRoutes, GeneratedPrefixesAreDistinctUsableAndRepeatable) {
   EXPECT_EQ(err, "at most 14548992 distinct IPv4 /24 prefixes can be generated");
 }
 
-TEST(FeedRoutes, GeneratedNextHopsAreDistinctAndInTheFeedsVrf) {
-  auto v4 = generatedNextHops(false, 64, 3);
-  auto v6 = generatedNextHops(true, 2, 0);
-  ASSERT_EQ(v4.size(), 64u);
-  EXPECT_EQ(rtmclient::addrToString(0, v4[0].addr), "198.51.100.1");
-  EXPECT_EQ(rtmclient::addrToString(0, v4[63].addr), "198.51.100.64");
-  EXPECT_EQ(v4[63].vrfId, 3u);
-  EXPECT_EQ(rtmclient::addrToString(2, v6[1].addr), "3fff::2");
-}
-
 }  // namespace
