@@ -174,8 +174,46 @@ void renumberTree(qor_radix_tree *tree) {
 }
 }  // namespace
 
+namespace {
+// Wake-ups asked for while a batch is being applied: each costs a lock in the thread layer,
+// and nothing can run before the main task next gives up the processor, so one per thread at
+// the end of the batch does the same.
+enum : uint8_t { WAKE_RTLEAK = 1, WAKE_REDIS = 2, WAKE_RTEDN = 4 };
+int g_deferDepth;
+uint8_t g_pendingWake;
+
+void wake(uint8_t which) {
+  if (g_deferDepth > 0) {
+    g_pendingWake |= which;
+    return;
+  }
+  if (which & WAKE_RTLEAK) qorThreadResume(rtmThreads, rtmThreadRtLeak);
+  if (which & WAKE_REDIS) qorThreadResume(rtmThreads, rtmThreadRedis);
+  if (which & WAKE_RTEDN) qorThreadResume(rtmThreads, rtmThreadRteDn);
+}
+
+void flushWake() {
+  const uint8_t w = g_pendingWake;
+  g_pendingWake = 0;
+  const int depth = g_deferDepth;
+  g_deferDepth = 0;
+  if (w) wake(w);
+  g_deferDepth = depth;
+}
+}  // namespace
+
+void rtmRibDeferWakeups(bool on) {
+  if (on) {
+    ++g_deferDepth;
+    return;
+  }
+  if (g_deferDepth > 0 && --g_deferDepth == 0) flushWake();
+}
+
 int updateRibVer(uint32_t vrfId, uint8_t afIndex, qor_radix_tree *tree, rt_head *rth) {
   if (qorRadicalAppendToChangeList(tree, &rth->rtmh_rdx) == 0) {
+    // The renumbering below yields while it waits for the workers: what is owed goes first.
+    flushWake();
     for (uint32_t cid = 0; cid < MAX_RTM_CLEINTS; ++cid) {
       rtClientVrfInfo *rvi = rtmClientGetVrfInfo(afIndex, cid, vrfId);
       if (rvi) rvi->rvi_version = 0;
@@ -194,10 +232,9 @@ int updateRibVer(uint32_t vrfId, uint8_t afIndex, qor_radix_tree *tree, rt_head 
       qorDebugPrintf("\r\nupdateRibVer..Resume RtLeak thread for vrfId is:%ld and ipaddr is:%u.%u.%u.%u",
                      static_cast<long>(vrfId), rth->rtmh_prefix[0], rth->rtmh_prefix[1],
                      rth->rtmh_prefix[2], rth->rtmh_prefix[3]);
-    qorThreadResume(rtmThreads, rtmThreadRtLeak);
+    wake(WAKE_RTLEAK);
   }
-  qorThreadResume(rtmThreads, rtmThreadRedis);
-  qorThreadResume(rtmThreads, rtmThreadRteDn);
+  wake(WAKE_REDIS | WAKE_RTEDN);
   rtmTicUpdate[afIndex][vrfId] = 1;
   return 1;
 }
@@ -216,5 +253,7 @@ void rtmRibReset() {
   }
   memset(g_rtmVrfInUse, 0, sizeof g_rtmVrfInUse);
   rtmRibRouteReset();
+  g_deferDepth = 0;
+  g_pendingWake = 0;
   rtmVrfReset();
 }

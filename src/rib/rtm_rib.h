@@ -167,6 +167,9 @@ int rtmRibCreate(uint32_t vrfId, const char *main, const char *con, const char *
                  const char *rpf, const char *mstatic);
 int rtmRibDelete(uint32_t vrfId);
 int updateRibVer(uint32_t vrfId, uint8_t afIndex, qor_radix_tree *tree, rt_head *rth);
+// Between rtmRibDeferWakeups(true) and (false) the worker wake-ups of updateRibVer are
+// gathered and given once at the end (pairs nest). Only for stretches that do not yield.
+void rtmRibDeferWakeups(bool on);
 
 // ---- Order of the entries of a head (the election) ----------------------------------------
 

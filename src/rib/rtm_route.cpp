@@ -26,6 +26,7 @@
 #include "frame/rtm_frame.h"
 #include "frame/rtm_mem.h"
 #include "log/qor_log.h"
+#include "mem/qor_mem.h"
 #include "rib/rtm_rib.h"
 #include "nexthop/rtm_nh.h"
 #include "rtm/rtm_msgs.h"
@@ -124,6 +125,38 @@ void markDelExported(rt_head *rth, const rt_entry *gone) {
     ext->rtmh_delSubtype = gone->rte_subtype;
     ext->rtmh_delCid = gone->rte_cid;
   }
+}
+
+// One cleared head per family kept ready, so that an add finds or links its head in one
+// descent of the tree (qorRadixAttach) and an add to an existing prefix makes no head at all.
+// The cache belongs to one generation of the pools.
+struct SpareHead {
+  rt_head *rth = nullptr;
+  uint64_t generation = 0;
+};
+SpareHead g_spare[2];
+
+rt_head *spareHead(uint8_t af) {
+  SpareHead &s = g_spare[af == RTM_IPV6UNI_AFINDEX];
+  if (s.rth && s.generation == qorMemGeneration()) return s.rth;
+  s.rth = static_cast<rt_head *>(
+      RTM_POOL_ALLOC_AF(RTM_MEM_TAG_RIB, uint32_t(rtmHeadSize(af)), RTM_MAIN_RIB_HEAD_POOL, af));
+  s.generation = qorMemGeneration();
+  return s.rth;
+}
+
+void spareTaken(uint8_t af) { g_spare[af == RTM_IPV6UNI_AFINDEX].rth = nullptr; }
+
+// A head made by this add, out of its tree again: back to the cache, cleared.
+void spareBack(uint8_t af, rt_head *rth) {
+  SpareHead &s = g_spare[af == RTM_IPV6UNI_AFINDEX];
+  if (s.rth && s.generation == qorMemGeneration()) {
+    rtmHeadFree(rth);
+    return;
+  }
+  memset(static_cast<void *>(rth), 0, rtmHeadSize(af));
+  s.rth = rth;
+  s.generation = qorMemGeneration();
 }
 
 }  // namespace
@@ -238,20 +271,58 @@ int rtmAddRouteIPv4(uint8_t afIndex, uint32_t cid, uint8_t *rtp) {
     return RTM_FAILURE;
   }
 
-  rt_head *rth = rtmHeadOf(qorRadixGetExact(tree, prefix, plen));
+  // The head. A route for the main tree finds or links it in one descent; a head linked here
+  // (newHead) is taken out again by every failure below, so a refused route leaves the tree
+  // as it was.
+  rt_head *rth = nullptr;
+  bool newHead = false;
+  bool noHeadMemory = false;  // the head could not be had: the add fails once its checks pass
+  if (!(flags & RTP_FLAG_CONNECTED)) {
+    if (rt_head *spare = spareHead(afIndex)) {
+      rtmAF_ApplyPlen(afIndex, prefix, plen, spare->rtmh_prefix);
+      spare->rtmh_prefixlen = plen;
+      spare->rtmh_rdx.rtmh_key = spare->rtmh_prefix;
+      qor_radix_hdr *got = qorRadixAttach(tree, &spare->rtmh_rdx, plen);
+      if (got == &spare->rtmh_rdx) {
+        spareTaken(afIndex);
+        newHead = true;
+      } else if (!got) {
+        got = qorRadixGetExact(tree, prefix, plen);
+        noHeadMemory = !got;
+      }
+      rth = rtmHeadOf(got);
+    } else {
+      rth = rtmHeadOf(qorRadixGetExact(tree, prefix, plen));
+      noHeadMemory = !rth;
+    }
+  } else {
+    rth = rtmHeadOf(qorRadixGetExact(tree, prefix, plen));
+  }
+  const bool existed = rth && !newHead;
+  auto dropNewHead = [&] {
+    if (!newHead) return;
+    qorRadixRemove(tree, &rth->rtmh_rdx);
+    spareBack(afIndex, rth);
+    rth = nullptr;
+    newHead = false;
+  };
 
-  if (!rth && rtc->rtc_proto != RTM_PROTO_CONNECTED && rtc->rtc_proto != RTM_PROTO_STATIC &&
-      !withinRouteLimit(afIndex, vrfId))
+  if (!existed && rtc->rtc_proto != RTM_PROTO_CONNECTED && rtc->rtc_proto != RTM_PROTO_STATIC &&
+      !withinRouteLimit(afIndex, vrfId)) {
+    dropNewHead();
     return RTM_ROUTE_LIMIT;
+  }
 
   if (rtpGetPref(rtp) == 0 && proto != RTM_PROTO_CONNECTED && proto != RTM_PROTO_STATIC && proto != RTM_PROTO_POS &&
       proto != RTM_PROTO_VRRP) {
     qorSysErr(rtmevkey, 0, 0x148046, 0, kFn, rtpGetPref(rtp));
+    dropNewHead();
     return RTM_FAILURE;
   }
   const unsigned rtpNnh = rtpGetNnh(rtp);
   if (rtpNnh < 1 || rtpNnh > RTP_MAX_NH) {
     qorSysErr(rtmevkey, 0, 0x14803C, 0, kFn, prefixText(afIndex, rtp, nm.prefix), plen, rtmGetProtoStr(proto));
+    dropNewHead();
     return RTM_FAILURE;
   }
 
@@ -260,7 +331,11 @@ int rtmAddRouteIPv4(uint8_t afIndex, uint32_t cid, uint8_t *rtp) {
   const unsigned tlvlen = rtpGetTlvLen(rtp);
   const unsigned room = unnumbered ? RTE_WIDE_NH : rtpNnh;
   auto *rte = static_cast<rt_entry *>(RTM_VAR_ALLOC(RTM_MEM_TAG_RTE, uint32_t(rtmRteSize(afIndex, room, tlvlen))));
-  if (!rte) return RTM_NO_MEMORY;
+  if (!rte) {
+    dropNewHead();
+    return RTM_NO_MEMORY;
+  }
+  const uint64_t now = qorTickGet();
   rte->rte_cid = uint8_t(cid);
   rte->rte_proto = uint8_t(proto);
   rte->rte_inst = rtc->rtc_instance;
@@ -272,7 +347,7 @@ int rtmAddRouteIPv4(uint8_t afIndex, uint32_t cid, uint8_t *rtp) {
   rte->rte_wide = unnumbered;
   memcpy(rte->rte_gateway, rtpGateway(rtp, afIndex), rtmAfAddrLen(afIndex));
   rte->rte_srcVrf = uint16_t(srcVrf);
-  rte->rte_time = qorTickGet();
+  rte->rte_time = now;
   rte->rte_flags = uint16_t(flags & RTP_FLAG_RTE_MASK);
   rte->rte_tlvlen = uint16_t(tlvlen);
   if (flags & RTP_FLAG_LEAKED) rte->rte_leak = RTE_LEAK_IMPORTED;
@@ -286,6 +361,7 @@ int rtmAddRouteIPv4(uint8_t afIndex, uint32_t cid, uint8_t *rtp) {
     releaseNhs(afIndex, slots + firstTaken, filled - firstTaken, proto);
     if (selfNh) rtmNhDelete(afIndex, selfNh, proto);
     freeEntry(rte);
+    dropNewHead();
     return result;
   };
 
@@ -294,7 +370,7 @@ int rtmAddRouteIPv4(uint8_t afIndex, uint32_t cid, uint8_t *rtp) {
     // connected entry that gathers them.
     rte->rte_proto = RTM_PROTO_CONNECTED;
     rte->rte_subtype = RT_UNNUMBERED;
-    rt_entry *existing = rth ? rte_find(rth, cid, RT_UNNUMBERED, 1, srcVrf) : nullptr;
+    rt_entry *existing = existed ? rte_find(rth, cid, RT_UNNUMBERED, 1, srcVrf) : nullptr;
     if (!existing) {
       int err = 0;
       selfNh = rtmNhAdd(srcVrf, afIndex, 0, prefix, &err, proto, flags);
@@ -372,14 +448,7 @@ int rtmAddRouteIPv4(uint8_t afIndex, uint32_t cid, uint8_t *rtp) {
     }
   }
 
-  if (!rth && !(flags & RTP_FLAG_CONNECTED)) {
-    rth = rtmHeadAlloc(afIndex, prefix, plen);
-    if (!rth) return fail(RTM_NO_MEMORY);
-    if (!qorRadixInsert(tree, &rth->rtmh_rdx, plen)) {
-      rtmHeadFree(rth);
-      return fail(RTM_NO_MEMORY);
-    }
-  }
+  if (noHeadMemory) return fail(RTM_NO_MEMORY);
   if (flags & RTP_FLAG_CONNECTED) {
     rtmAddRouteProtoCon(afIndex, cid, rte, rtp);
     return RTM_SUCCESS;
@@ -397,7 +466,7 @@ int rtmAddRouteIPv4(uint8_t afIndex, uint32_t cid, uint8_t *rtp) {
 
   const bool activeChanged = rth->rtmh_rte != oldActive;
   if (activeChanged) {
-    rth->rtmh_time = qorTickGet();
+    rth->rtmh_time = now;
     updateRibVer(vrfId, afIndex, tree, rth);
   }
 
@@ -602,6 +671,7 @@ int rtmUpdateRouteIPv4(uint8_t *msg, uint32_t len, rt_client *) {
   rtm_route_iter it;
   rtm_route_elem el;
   rtmRouteIterInit(&it, msg, len);
+  rtmRibDeferWakeups(true);
   while (rtmRouteIterNext(&it, &el) == RTM_WIRE_OK) {
     rtmConvertRtpParams(it.afIndex, el.rtp);
     switch (el.subCmd) {
@@ -619,6 +689,7 @@ int rtmUpdateRouteIPv4(uint8_t *msg, uint32_t len, rt_client *) {
         break;
     }
   }
+  rtmRibDeferWakeups(false);
   return RTM_SUCCESS;
 }
 
@@ -626,5 +697,6 @@ void rtmRibInit() { rtmFrameSetHandler(MT_RTM_UPD_ROUTE, rtmUpdateRouteIPv4); }
 
 void rtmRibRouteReset() {
   extTable().clear();
+  g_spare[0] = g_spare[1] = {};
   rtmOutOfMemLogMsg = 1;
 }

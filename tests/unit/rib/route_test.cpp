@@ -413,31 +413,64 @@ TEST_F(Routes, Ipv6TakesTheSamePath) {
   EXPECT_EQ(refs("fe80::1", 3, 0, RTM_IPV6UNI_AFINDEX), 0);
 }
 
-TEST_F(Routes, OutOfMemoryLeavesNothingBehind) {
-  struct Case {
-    const char *what;
-    void (*arm)();
-  } cases[] = {
-      {"entry", [] { qorMemVarFailNext(1); }},
-      {"head", [] { qorMemFailNext(RTM_MAIN_RIB_HEAD_POOL, 1); }},
-      {"radix node", [] { qorMemFailNext(RTM_RIB_RDX_POOL, 1); }},
-  };
-  // A tree with a route already, so a new prefix needs a node.
+TEST_F(Routes, ActiveRouteChangesWakeTheWorkersOncePerBatch) {
+  qorThreadRunUntilIdle(rtmThreads);  // every worker rests
+  ASSERT_EQ(qorThreadIsSuspended(rtmThreads, rtmThreadRteDn), 1);
+  Route a = ospf("10.70.0.0", 16), b = ospf("10.71.0.0", 16), r = rip("10.70.0.0", 16);
+  rtmRibDeferWakeups(true);
+  ASSERT_EQ(add(kOspf, a), RTM_SUCCESS);
+  ASSERT_EQ(add(kOspf, b), RTM_SUCCESS);
+  EXPECT_EQ(qorThreadIsSuspended(rtmThreads, rtmThreadRteDn), 1);
+  rtmRibDeferWakeups(false);
+  EXPECT_EQ(qorThreadIsSuspended(rtmThreads, rtmThreadRteDn), 0);
+  EXPECT_EQ(qorThreadIsSuspended(rtmThreads, rtmThreadRedis), 0);
+  EXPECT_EQ(qorThreadIsSuspended(rtmThreads, rtmThreadRtLeak), 0);
+  // Without a batch the wake-up is immediate; a change below the active route wakes nobody.
+  qorThreadRunUntilIdle(rtmThreads);
+  ASSERT_EQ(add(kRip, r), RTM_SUCCESS);
+  EXPECT_EQ(qorThreadIsSuspended(rtmThreads, rtmThreadRteDn), 1);
+  ASSERT_EQ(del(kOspf, a), RTM_SUCCESS);
+  EXPECT_EQ(qorThreadIsSuspended(rtmThreads, rtmThreadRteDn), 0);
+  // An imported active route does not wake the route-leak thread.
+  qorThreadRunUntilIdle(rtmThreads);
+  Route imp = ospf("10.72.0.0", 16);
+  imp.flags(RTP_FLAG_LEAKED);
+  ASSERT_EQ(add(kOspf, imp), RTM_SUCCESS);
+  EXPECT_EQ(qorThreadIsSuspended(rtmThreads, rtmThreadRtLeak), 1);
+  EXPECT_EQ(qorThreadIsSuspended(rtmThreads, rtmThreadRteDn), 0);
+}
+
+TEST_F(Routes, OutOfMemoryAnywhereLeavesNothingBehind) {
+  // A tree with a route already, so a new prefix needs nodes too.
   Route first = ospf("10.50.0.0", 16);
   ASSERT_EQ(add(kOspf, first), RTM_SUCCESS);
-  for (const Case &c : cases) {
-    SCOPED_TRACE(c.what);
+  // Every allocation of an add in turn is the one that fails: the entry, the head, the radix
+  // nodes, the next hops (one shared with the first route, one new).
+  int failures = 0;
+  for (int k = 0; k < 16; ++k) {
+    SCOPED_TRACE("allocations before the failure: " + std::to_string(k));
     Route r = ospf("10.60.0.0", 16);
     r.nh("192.168.7.7", 2);
-    c.arm();
-    EXPECT_EQ(add(kOspf, r), RTM_NO_MEMORY);
+    qorMemFailAfter(k);
+    int result = add(kOspf, r);
+    qorMemFailAfter(-1);
+    if (result == RTM_SUCCESS) {
+      EXPECT_EQ(entries(head("10.60.0.0", 16)).size(), 1u);
+      ASSERT_EQ(del(kOspf, r), RTM_SUCCESS);
+      rt_head *h = head("10.60.0.0", 16);
+      qorRadixRemove(tree(), &h->rtmh_rdx);  // as a clear would: the next round starts afresh
+      rtmHeadFree(h);
+      continue;
+    }
+    ++failures;
+    EXPECT_EQ(result, RTM_NO_MEMORY);
     EXPECT_EQ(head("10.60.0.0", 16), nullptr);
     EXPECT_EQ(refs("192.168.7.7", 2), 0);
     EXPECT_EQ(refs("192.168.1.1", 5), 1);
-    qorMemVarFailNext(0);
-    qorMemFailNext(RTM_MAIN_RIB_HEAD_POOL, 0);
-    qorMemFailNext(RTM_RIB_RDX_POOL, 0);
+    EXPECT_EQ(tree()->rdx_heads, 1u);
   }
+  EXPECT_GE(failures, 3);
+  EXPECT_EQ(rvi(kOspf)->rvi_active, 1u);
 }
 
 }  // namespace
