@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# test.sh [release|sanitize|all]: builds from nothing if needed and runs every test with ctest.
-# "all" (the default) runs the release suite, then the whole suite again under ASan and UBSan.
+# test.sh [release|sanitize|fuzz|all]: builds from nothing if needed and runs every test with ctest.
+# "all" (the default) runs the release suite, then the whole suite again under ASan and UBSan,
+# then the message-parser fuzz targets for a bounded time (FUZZ_SECONDS, default 120; 0 skips).
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 what=${1:-all}
@@ -16,6 +17,9 @@ run() {
 }
 case "$what" in
   release|sanitize) run "$what" ;;
-  all) run release; run sanitize ;;
-  *) echo "test.sh: unknown suite '$what' (release, sanitize, all)" >&2; exit 2 ;;
+  fuzz) "$top/fuzz/run.sh" "${FUZZ_SECONDS:-120}" ;;
+  all)
+    run release; run sanitize
+    if [ "${FUZZ_SECONDS:-120}" -gt 0 ]; then "$top/fuzz/run.sh" "${FUZZ_SECONDS:-120}"; fi ;;
+  *) echo "test.sh: unknown suite '$what' (release, sanitize, fuzz, all)" >&2; exit 2 ;;
 esac

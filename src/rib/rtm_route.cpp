@@ -370,8 +370,12 @@ int rtmAddRouteIPv4(uint8_t afIndex, uint32_t cid, uint8_t *rtp) {
     // connected entry that gathers them.
     rte->rte_proto = RTM_PROTO_CONNECTED;
     rte->rte_subtype = RT_UNNUMBERED;
-    rt_entry *existing = existed ? rte_find(rth, cid, RT_UNNUMBERED, 1, srcVrf) : nullptr;
-    if (!existing) {
+    // The gathering happens on the main tree's entry, which also holds the host's own next hop.
+    // A route for the connected RIB starts afresh with references of its own: it must not share
+    // next hops with an entry that stays in the main tree.
+    const bool toConnected = flags & RTP_FLAG_CONNECTED;
+    rt_entry *existing = existed && !toConnected ? rte_find(rth, cid, RT_UNNUMBERED, 1, srcVrf) : nullptr;
+    if (!existing && !toConnected) {
       int err = 0;
       selfNh = rtmNhAdd(srcVrf, afIndex, 0, prefix, &err, proto, flags);
       if (!selfNh) {
@@ -380,7 +384,7 @@ int rtmAddRouteIPv4(uint8_t afIndex, uint32_t cid, uint8_t *rtp) {
                   rtmClientGetProtoName(proto));
         return fail(RTM_FAILURE);
       }
-    } else {
+    } else if (existing) {
       rt_nh *const *old = rtmRteNh(existing);
       const uint8_t *nh0 = rtpNh(rtp, afIndex, 0);
       for (unsigned i = 0; i < RTP_MAX_NH && i < rtmRteNhRoom(existing) && old[i]; ++i) {
@@ -619,7 +623,11 @@ int rtmDelRouteIPv4(uint8_t afIndex, uint32_t cid, uint8_t *rtp) {
     qorSysErr(rtmevkey, 0, 0x14803F, 0, kFn, vrfId);
     return RTM_FAILURE;
   }
-  if (flags & RTP_FLAG_CONNECTED) return rtmDelRouteProtoCon(afIndex, cid, rtp);
+  if (flags & RTP_FLAG_CONNECTED) {
+    // An unnumbered route was stored with its own subtype, in the connected tree as well.
+    if (rtc->rtc_proto == RTM_PROTO_POS && rtpGetSubtype(rtp) != RT_SUBTYPE_ANY) rtpSetSubtype(rtp, RT_UNNUMBERED);
+    return rtmDelRouteProtoCon(afIndex, cid, rtp);
+  }
 
   const uint8_t plen = rtpGetPrefixLen(rtp);
   rt_head *rth = rtmHeadOf(qorRadixGetExact(tree, rtpPrefix(rtp, afIndex), plen));

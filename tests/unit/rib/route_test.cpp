@@ -348,6 +348,27 @@ TEST_F(Routes, UnnumberedDeleteOfTheLastSlotTakesTheWholeEntry) {
   EXPECT_EQ(refs("10.8.8.9", 0), 0);
 }
 
+TEST_F(Routes, UnnumberedRouteForTheConnectedRibSharesNothingWithTheMainEntry) {
+  Route main, con;
+  main.prefix("10.8.8.10", 32).proto(RTM_PROTO_POS).pref(0).nh("0.0.0.0", 31);
+  con.prefix("10.8.8.10", 32).proto(RTM_PROTO_POS).pref(0).nh("0.0.0.0", 32).flags(RTP_FLAG_CONNECTED);
+  ASSERT_EQ(add(kPos, main), RTM_SUCCESS);
+  ASSERT_EQ(add(kPos, con), RTM_SUCCESS);
+  ASSERT_EQ(add(kPos, con), RTM_SUCCESS);  // replaced in the connected tree
+  rt_head *h = head("10.8.8.10", 32);
+  ASSERT_EQ(entries(h).size(), 1u);
+  EXPECT_EQ(h->rtmh_rte->rte_nnh, 1u);
+  EXPECT_EQ(refs("0.0.0.0", 31), 1);
+  EXPECT_EQ(refs("0.0.0.0", 32), 1);
+  ASSERT_EQ(del(kPos, con), RTM_SUCCESS);
+  EXPECT_EQ(refs("0.0.0.0", 32), 0);
+  EXPECT_EQ(refs("0.0.0.0", 31), 1);
+  EXPECT_EQ(rtmRteNh(h->rtmh_rte)[0]->rtn_ifindex, 31u);
+  ASSERT_EQ(del(kPos, main), RTM_SUCCESS);
+  EXPECT_EQ(refs("0.0.0.0", 31), 0);
+  EXPECT_EQ(refs("10.8.8.10", 0), 0);
+}
+
 TEST_F(Routes, ConnectedTreeKeepsOneEntryAndMovesEveryTime) {
   Route r = ospf("10.11.0.0", 16);
   r.flags(RTP_FLAG_CONNECTED);
