@@ -250,18 +250,21 @@ int sendParts(Queue &q, const uint8_t *hdr, const uint8_t *body, size_t bodyLen,
   return 0;
 }
 
+// A message without a whole header is never sent; it counts as a send error of the queue.
+int refuseShort(Queue &q) {
+  std::lock_guard<std::mutex> lk(q.mu);
+  q.stats.sendErrors++;
+  errno = EINVAL;
+  return -1;
+}
+
 int sendWhole(int handle, const void *msg, uint32_t len, bool wait) {
   QueueP q = findQueue(handle);
   if (!q) {
     errno = EBADF;
     return -1;
   }
-  if (!msg || len < IPC_HDR_LEN) {
-    std::lock_guard<std::mutex> lk(q->mu);
-    q->stats.sendErrors++;
-    errno = EINVAL;
-    return -1;
-  }
+  if (!msg || len < IPC_HDR_LEN) return refuseShort(*q);
   const uint8_t *b = static_cast<const uint8_t *>(msg);
   return sendParts(*q, b, b + IPC_HDR_LEN, len - IPC_HDR_LEN, wait);
 }
@@ -524,12 +527,7 @@ int qorIpcReply(int key, const void *msg, uint32_t len) {
     errno = EBADF;
     return -1;
   }
-  if (!msg || len < IPC_HDR_LEN) {
-    std::lock_guard<std::mutex> lk(q->mu);
-    q->stats.sendErrors++;
-    errno = EINVAL;
-    return -1;
-  }
+  if (!msg || len < IPC_HDR_LEN) return refuseShort(*q);
   const uint8_t *m = static_cast<const uint8_t *>(msg);
   uint8_t hdr[IPC_HDR_LEN];
   memcpy(hdr, m, IPC_HDR_LEN);

@@ -86,6 +86,14 @@ Group *ownGroup(QorThreadGroup handle) {
   return (tl_group && tl_group->handle == handle) ? tl_group : nullptr;
 }
 
+// The group from any thread: its own member's without the registry lock, else through the
+// registry, with `keep` holding it alive while the caller uses it.
+Group *anyGroup(QorThreadGroup handle, std::shared_ptr<Group> &keep) {
+  if (Group *g = ownGroup(handle)) return g;
+  keep = lookup(handle);
+  return keep.get();
+}
+
 // Who gets the baton when `from` gives it up. Called with the lock held.
 Member *pickNext(Group &g, const Member *from) {
   if (from != g.main && (g.mainWants || g.stopping)) return g.main;
@@ -264,11 +272,7 @@ int qorThreadSuspendSelf(QorThreadGroup group) {
 
 int qorThreadResume(QorThreadGroup group, int id) {
   std::shared_ptr<Group> keep;
-  Group *g = ownGroup(group);
-  if (!g) {
-    keep = lookup(group);
-    g = keep.get();
-  }
+  Group *g = anyGroup(group, keep);
   if (!g) return -1;
   Member *startNow = nullptr;
   {
@@ -291,11 +295,7 @@ int qorThreadResume(QorThreadGroup group, int id) {
 
 int qorThreadIsSuspended(QorThreadGroup group, int id) {
   std::shared_ptr<Group> keep;
-  Group *g = ownGroup(group);
-  if (!g) {
-    keep = lookup(group);
-    g = keep.get();
-  }
+  Group *g = anyGroup(group, keep);
   if (!g) return -1;
   std::lock_guard<std::mutex> lk(g->mu);
   Member *m = g->find(id);
@@ -328,11 +328,7 @@ int qorThreadSelfId() { return tl_self ? tl_self->id : 0; }
 
 int qorThreadRunningId(QorThreadGroup group) {
   std::shared_ptr<Group> keep;
-  Group *g = ownGroup(group);
-  if (!g) {
-    keep = lookup(group);
-    g = keep.get();
-  }
+  Group *g = anyGroup(group, keep);
   if (!g) return -1;
   std::lock_guard<std::mutex> lk(g->mu);
   return g->holder ? g->holder->id : 0;
