@@ -163,8 +163,6 @@ int rtmRibDelete(uint32_t vrfId) {
   return RTM_SUCCESS;
 }
 
-void rtmClearRib(uint8_t, uint32_t) {}
-
 namespace {
 // After a wrap every head that holds a route goes on the list again, in tree pre-order, so
 // each consumer, now back at version 0, sees the whole table once more.

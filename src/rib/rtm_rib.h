@@ -238,8 +238,24 @@ constexpr size_t rtmGbcHeadSize(unsigned afIndex) {
 // Registers the route handlers (from rtmTaskInit).
 void rtmRibInit();
 
-// Clearing a RIB's routes; the full clearing paths come with route clearing.
+// ---- Clearing ----------------------------------------------------------------------------
+
+struct rt_client;
+// Removes every route of one client in one VRF (all VRFs the client serves), with versions, so
+// the walkers see the withdrawals. Only for protocols whose routes live in these trees.
+void rtmClearVrfProtoRoutes(uint8_t afIndex, rt_client *rtc, uint32_t vrfId);
+void rtmClearAllProtoRoutes(uint8_t afIndex, rt_client *rtc);
+// Empties every tree of the VRF and family, heads and entries back to their pools, next hops
+// released, without versions: the caller has stopped the workers and remakes the walkers.
 void rtmClearRib(uint8_t afIndex, uint32_t vrfId);
+// Frees one head of the main tree with its entries (no version).
+void rtmClearRibRouteSpecific(uint8_t afIndex, uint32_t vrfId, const uint8_t *prefix, uint8_t prefixlen);
+// Clears the client's holder bit in every head of every main tree.
+void rtmClearDownloadBit(uint8_t afIndex, rt_client *rtc);
+// The interface of the connected route that covers a host address, or 0.
+uint32_t rtmGetConnectedRouteIfindex(uint8_t afIndex, const uint8_t *addr, uint32_t vrfId);
+// Plugs the clearing paths into the client and next-hop hooks (from rtmRibInit).
+void rtmClearInit();
 
 // Back to a clean start (tests): destroys every table set, forgets the side records of heads
 // and the VRF cache records, and arms the out-of-memory warning again.

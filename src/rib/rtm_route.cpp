@@ -701,7 +701,10 @@ int rtmUpdateRouteIPv4(uint8_t *msg, uint32_t len, rt_client *) {
   return RTM_SUCCESS;
 }
 
-void rtmRibInit() { rtmFrameSetHandler(MT_RTM_UPD_ROUTE, rtmUpdateRouteIPv4); }
+void rtmRibInit() {
+  rtmFrameSetHandler(MT_RTM_UPD_ROUTE, rtmUpdateRouteIPv4);
+  rtmClearInit();
+}
 
 void rtmRibRouteReset() {
   extTable().clear();
