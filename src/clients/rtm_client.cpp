@@ -341,6 +341,7 @@ int rtmClientInit() {
   }
   rtmCurrentFilterState = 1;
   rtmClientSetHandlers();
+  rtmClientFlushInit();
   // Card events come from the event manager; without them a dead card's agent stays listed.
   if ((qorEvhSubscribeEvt(static_cast<int32_t>(rtmevkey), 0x118012) != 0 ||
        qorEvhSubscribeEvt(static_cast<int32_t>(rtmevkey), 0x118013) != 0) &&

@@ -228,6 +228,37 @@ bool rtmClientOnList(const QOR_DLL *list, const rt_client *rtc);
 void rtmValidateOneSuperClient(rt_client *rtc, uint8_t afIndex);
 inline rt_client *rtmClientOfNode(QOR_DLL_NODE *n) { return reinterpret_cast<rtm_client_node *>(n)->client; }
 
+// ---- Filter state, flush and clear -------------------------------------------------------
+
+// Per family: whether IPM instance 1 takes BGP routes.
+extern uint32_t rtmDownloadBgpRoutesToIpm1[3];
+// Per family and VRF: the key of the last clear sent to the protocols; an answer must carry it.
+extern uint32_t rtmExpClrRteKey[3][MAX_VRF];
+
+// The filter command: data[0] 16 filters (data[1] non-zero: the small form), 17 lifts it. 0.
+int rtmClientUpdateFilterFlag(uint32_t unused, uint8_t afIndex, const uint8_t *data);
+void rtmClientSetFilterFlag(uint8_t afIndex);
+void rtmClientResetFilterFlag(uint8_t afIndex);
+void rtmClientSetCfgFilterFlag(uint8_t afIndex);
+int rtmRedownloadBgpRoutesToIpm1(uint8_t afIndex, uint32_t value);
+// `clear ip route`: the 48-byte clear record. 0, or 1 when a protocol could not be told.
+int rtmClearIpRoutesCmd(const uint8_t *record);
+// A protocol's answer to a clear (the flush message layout); ends its blocked state.
+int rtmClearClientIpRoutes(rt_client *rtc, const uint8_t *msg, uint32_t vrfId);
+// Sends a client's FIB afresh (the MT_RTM_CLEAR_FIB message).
+int rtmClearIpFibCmd(uint8_t *msg);
+// Flushes: a client's own routes go.
+int rtmFlushClientRoutes(uint8_t *msg);
+int rtmFlushClientRoutesSwp(uint8_t afIndex, rt_client *rtc, uint8_t *msg);
+int rtmFlushClientVrfRoutesSwp(uint8_t afIndex, rt_client *rtc, uint8_t *msg);
+int _rtmFlushClientRoutes(uint8_t afIndex, rt_client *rtc);
+int _rtmFlushClientVrfRoutes(uint8_t afIndex, rt_client *rtc, uint32_t vrfId);
+void rtmFlushAllVrfRoutes(uint32_t vrfId);
+// Sends the flush message for a clear record on a protocol's queue: 0, or 1.
+int rtmSendSwpFlushMessage(uint8_t afIndex, uint32_t queue, const uint8_t *record);
+// Handlers of the filter, flush and clear messages, and their state (from rtmClientInit).
+void rtmClientFlushInit();
+
 // ---- Counters ----------------------------------------------------------------------------
 
 // op 1 counts a route of the client in, op 2 out; active tells which side of the election.
