@@ -23,6 +23,8 @@ bool ifmTestPerSvcTypeMask(const uint8_t *mask, uint32_t type) {
   return type / 8 < IFM_REG_MASK_LEN && (mask[type / 8] & (1u << (type % 8)));
 }
 
+void rtmClearConnRoutes(uint32_t, uint8_t) {}
+
 void rtmIfInit() {}
 int halRtmInit() { return 0; }
 

@@ -19,5 +19,7 @@ void ifmSetPerSvcTypeMasks(uint8_t *mask, uint32_t type);
 bool ifmTestPerSvcTypeMask(const uint8_t *mask, uint32_t type);
 
 void rtmIfInit();
+// After a clear of a VRF's RIB: the routes of its interfaces are added again.
+void rtmClearConnRoutes(uint32_t vrfId, uint8_t afIndex);
 int rtmIfmRegister();
 int halRtmInit();

@@ -13,5 +13,6 @@ void rtmClearPollThread(uint32_t, uint8_t afIndex) {
 
 int rtmPollRadicalRefAllocate(uint32_t) { return 0; }
 void rtmPollRibClear(uint8_t, uint32_t) {}
+void rtmClearPollResolutionForSpecificRoute(uint8_t, const uint8_t *, uint8_t) {}
 bool rtmRecurFailPending() { return false; }
 void rtmCheckAndProcCyclicalRoute() {}

@@ -9,6 +9,8 @@ void rtmPollMain(void *arg);
 void rtmClearPollThread(uint32_t vrfId, uint8_t afIndex);
 int rtmPollRadicalRefAllocate(uint32_t vrfId);
 void rtmPollRibClear(uint8_t afIndex, uint32_t vrfId);
+// After a clear of one prefix: registrations resolved through it are answered again.
+void rtmClearPollResolutionForSpecificRoute(uint8_t afIndex, const uint8_t *addr, uint8_t plen);
 // Routes whose recursion failed wait on a list that the TIC timer rechecks.
 bool rtmRecurFailPending();
 void rtmCheckAndProcCyclicalRoute();

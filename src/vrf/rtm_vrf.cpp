@@ -9,6 +9,8 @@ rt_vrf_cache *rtmVrfCache[MAX_VRF];
 
 void rtmRouteLeakThread(void *) { rtmWorkerIdleLoop(); }
 void rtm_rtleak_cleaversion(uint32_t, uint8_t) {}
+void rtm_rtleak_clear_exported_route(rt_head *, uint32_t, qor_radix_tree *, uint8_t) {}
+void rtm_rtleak_clear_imported_route(rt_head *, uint32_t, uint8_t, uint32_t) {}
 
 int rtmVrfCacheAllocate(uint32_t vrfId) {
   if (vrfId >= MAX_VRF) return 1;

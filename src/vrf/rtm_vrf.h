@@ -22,6 +22,12 @@ extern rt_vrf_cache *rtmVrfCache[MAX_VRF];
 
 void rtmRouteLeakThread(void *arg);
 void rtm_rtleak_cleaversion(uint32_t vrfId, uint8_t afIndex);
+struct rt_head;
+struct qor_radix_tree;
+// A head of an exporting VRF is being freed by a clear: importers withdraw their copies.
+void rtm_rtleak_clear_exported_route(rt_head *head, uint32_t vrfId, qor_radix_tree *tree, uint8_t afIndex);
+// An imported entry is being freed by a clear (`flags` is its rte_leak).
+void rtm_rtleak_clear_imported_route(rt_head *head, uint32_t vrfId, uint8_t afIndex, uint32_t flags);
 // Makes the VRF's cache record (cleared, its id set); 0, or 1 when there is no memory.
 int rtmVrfCacheAllocate(uint32_t vrfId);
 void rtmVrfCacheDeAllocate(uint32_t vrfId);
