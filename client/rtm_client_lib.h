@@ -31,10 +31,15 @@
 // text of its last failure. ProtoClient is not thread-safe: use it from one thread.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <functional>
+#include <set>
 #include <string>
+#include <tuple>
+#include <unordered_map>
 #include <vector>
 
 #include "rtm/rtm_client_msgs.h"
@@ -224,6 +229,114 @@ bool parseAddr(uint8_t afIndex, const std::string &text, uint8_t *addr);
 // "a.b.c.d" or IPv6 text of 4 or 16 bytes.
 std::string addrToString(uint8_t afIndex, const uint8_t *addr);
 
+// ---- FIB download: what a FIB agent receives -------------------------------------------------
+//
+// rtmd sends a download client (protocols 27 FIB, 28 FIB6, and the IPM and LDP agents) its
+// routes in MT_RTM_FIB_ROUTE (0x321E, IPv4) and MT_RTM6_FIB_ROUTE (0x3221, IPv6) messages on
+// its download SWP queue: a 148-byte header, then commands, each followed by its next hops
+// (and, in IPv4 adds, a TLV block). The two families lay their commands out differently; the
+// decoders below read both through one table of offsets. Next hops travel ahead of the routes
+// in MT_RTM_FIB_NH (0x322A), and MT_RTM_DNLD_CNTRL (0x3255) goes both ways: the agent asks
+// for a download (or stops it), rtmd marks where a fresh one begins. docs/ipc.md has the
+// tables.
+
+constexpr size_t FIBUPD_HDR_LEN = 148;
+constexpr size_t FIBUPD_OFF_TICK = 32;
+constexpr size_t FIBUPD_OFF_ADDS = 132;
+constexpr size_t FIBUPD_OFF_DELS = 136;
+constexpr size_t FIBUPD_OFF_CAPACITY = 140;
+constexpr size_t FIBUPD_OFF_AFINDEX = 144;  // u8
+constexpr uint32_t FIB_OP_ADD = 1;
+constexpr uint32_t FIB_OP_DEL = 2;
+constexpr uint32_t FIB_MARKER_VRRP = 0xFFFFFFFFu;  // the head was marked by VRRP
+constexpr size_t FIBCMD4_LEN = 32, FIBNH4_LEN = 16;
+constexpr size_t FIBCMD6_LEN = 44, FIBNH6_LEN = 28;
+
+// MT_RTM_DNLD_CNTRL: 144 bytes, the SWP header at 60, then the client handle at 128 (IPv4:
+// handle << 16; IPv6: the handle in the low 16 bits), the action at 132, the VRF at 136 and the
+// family byte at 140. rtmd answers a start with a copy whose action is RTM_CNTRL_DNLD_BEGINS,
+// queued on the download queue ahead of the walk it starts.
+constexpr size_t DNLD_CNTRL_OFF_CID = 128;
+constexpr size_t DNLD_CNTRL_OFF_ACTION = 132;
+constexpr size_t DNLD_CNTRL_OFF_VRFID = 136;
+constexpr size_t DNLD_CNTRL_OFF_AFINDEX = 140;  // u8
+constexpr uint32_t DNLD_CNTRL_MSG_LEN = 144;
+
+// Results of the download decoders beyond the RTM_WIRE_* ones: what a well-formed message
+// never holds. A message that gives any of these is dropped whole.
+constexpr int FIB_WIRE_ELEN = -20;    // mlen shorter than the header, or longer than what arrived
+constexpr int FIB_WIRE_ETYPE = -21;   // not a message of this decoder
+constexpr int FIB_WIRE_EOP = -22;     // a command other than add or delete
+constexpr int FIB_WIRE_EPLEN = -23;   // a prefix length beyond the family's width
+constexpr int FIB_WIRE_ECOUNT = -24;  // the header's counts disagree with the commands
+constexpr int FIB_WIRE_ENONH = -25;   // an add without next hops
+const char *fibWireErrStr(int err);
+
+struct FibNextHop {
+  uint8_t addr[16] = {};  // 4 bytes used for IPv4
+  uint32_t ifindex = 0;
+  uint32_t vrfId = 0;  // differs from the route's for a leaked route
+  uint32_t weight = 0;  // weighted routes only
+};
+
+// One command as found in a message; nh and tlv point into the message.
+struct FibCmd {
+  uint32_t op = 0;  // FIB_OP_ADD or FIB_OP_DEL
+  uint32_t vrfId = 0;
+  uint8_t prefixLen = 0;
+  uint8_t prefix[16] = {};
+  uint32_t proto = 0;   // of the active route; 0 in a delete of a prefix that has none
+  uint32_t metric = 0;
+  uint32_t marker = 0;  // FIB_MARKER_VRRP or 0
+  bool weighted = false;
+  uint8_t nnhField = 0;        // the count as sent: a delete may show one though none follow
+  uint16_t nnh = 0;            // next-hop records that follow: nnhField for an add, 0 for a delete
+  const uint8_t *nh = nullptr;  // the first of them
+  uint16_t tlvlen = 0;          // IPv4 adds only
+  const uint8_t *tlv = nullptr;
+};
+
+struct FibRouteMsg {
+  uint8_t afIndex = 0;
+  uint32_t adds = 0, dels = 0;  // as the header counts them
+  uint32_t capacity = 0, tick = 0;
+  std::vector<FibCmd> cmds;  // kept between calls so that a loop of decodes does not allocate
+};
+
+// Reads a whole route message (either family) and checks it before anything is taken: the
+// type and family agree, mlen lies between the header and len, every command and its next
+// hops and TLV lie inside mlen, the commands fill it exactly, each is an add or a delete with a
+// prefix length the family can hold, every add has next hops, and the header's counts are the
+// commands'. RTM_WIRE_OK and out filled, or an error and out->cmds empty.
+int decodeFibRoutes(const uint8_t *msg, size_t len, FibRouteMsg *out);
+// The i-th next hop of a decoded command (i < cmd.nnh).
+FibNextHop fibCmdNextHop(uint8_t afIndex, const FibCmd &cmd, unsigned i);
+
+struct FibNhRecord {
+  uint32_t op = 0;  // RTM_NH_OP_ADD or RTM_NH_OP_DEL
+  uint32_t vrfId = 0;
+  uint8_t addr[16] = {};  // IPv4 in the first 4; see decodeFibNextHops for IPv6
+  uint32_t ifindex = 0;
+};
+// MT_RTM_FIB_NH: the count at 128 and 24-byte records from 132; mlen must be 132 + 24 x count
+// and no more than len, and every record an add or a delete. An IPv6 agent (ipv6 true) is only
+// ever sent the replay of the database at its registration, whose records carry a 16-byte
+// address from byte 8 with the ifindex written over its bytes 4..7: addr then holds those 16
+// bytes as they are. RTM_WIRE_OK and out filled, or an error and out empty.
+int decodeFibNextHops(const uint8_t *msg, size_t len, bool ipv6, std::vector<FibNhRecord> *out);
+
+struct DnldCntrl {
+  uint32_t cid = 0;  // the word at 128 as it stands
+  uint32_t action = 0;
+  uint32_t vrfId = 0;
+  uint8_t afIndex = 0;
+};
+// The request of an agent: a 144-byte message for the agent's SWP queue to rtmd (the queue
+// writes the IPC and SWP headers). Returns DNLD_CNTRL_MSG_LEN, or 0 when cap is too small.
+size_t encodeDnldCntrl(uint32_t cid, uint8_t afIndex, uint32_t action, uint32_t vrfId, uint8_t *buf, size_t cap);
+// Reads either direction. RTM_WIRE_OK, FIB_WIRE_ETYPE or FIB_WIRE_ELEN.
+int decodeDnldCntrl(const uint8_t *msg, size_t len, DnldCntrl *out);
+
 // ---- The protocol client ------------------------------------------------------------------
 
 class ProtoClient {
@@ -316,6 +429,163 @@ class ProtoClient {
   Stats stats_;
   std::function<void(const uint8_t *, size_t)> handler_;
   std::string err_;
+  std::vector<uint8_t> rx_;
+};
+
+// ---- The FIB agent --------------------------------------------------------------------------
+//
+// rtmclient::FibAgent is a download client of one family: it registers as protocol 27 (FIB,
+// IPv4) or 28 (FIB6, IPv6) for a line-card slot, asks for the download of a VRF, takes rtmd's
+// route, next-hop and control messages on rtmd's download queue, acknowledges each in sequence
+// and keeps the table they describe: prefix -> protocol, metric, next hops (address, ifindex,
+// VRF, weight) and TLV. A malformed message is counted and dropped whole.
+//
+// For tests of back-pressure and failure it can be made slow (a delay before each
+// acknowledgement) or stop acknowledging after a number of messages, as a stuck process would;
+// what it does not acknowledge it does not apply either.
+//
+//     rtmclient::FibAgent::Options o;
+//     o.svce = 400; o.inst = 1; o.afIndex = RTM_IPV4UNI_AFINDEX; o.name = "fib-1";
+//     rtmclient::FibAgent a(o);
+//     if (a.open() || a.registerAgent() || a.startDownload(0)) die(a.lastError());
+//     while (a.routeCount() < expected) a.poll(100);
+//
+// A FIB agent (protocol 27) is refused until the interface manager has told rtmd that the
+// slot's interface download is complete. Not thread-safe: use it from one thread.
+
+struct FibPrefix {
+  uint8_t afIndex = 0;
+  uint8_t len = 0;
+  uint32_t vrfId = 0;
+  uint8_t addr[16] = {};
+  bool operator==(const FibPrefix &o) const {
+    return afIndex == o.afIndex && len == o.len && vrfId == o.vrfId && memcmp(addr, o.addr, sizeof addr) == 0;
+  }
+  // VRF, family, address, length: the order of a dump.
+  bool operator<(const FibPrefix &o) const;
+};
+struct FibPrefixHash {
+  size_t operator()(const FibPrefix &p) const;
+};
+
+struct FibRoute {
+  uint32_t proto = 0;
+  uint32_t metric = 0;
+  uint32_t marker = 0;
+  bool weighted = false;
+  std::vector<FibNextHop> nh;
+  std::vector<uint8_t> tlv;
+};
+
+// One route as a line of text: "VRF PREFIX/LEN proto P metric M [vrrp] [weighted] nh
+// ADDR%IFINDEX@VRF[*WEIGHT] ... [tlv HEX]". What --dump writes and what tests compare.
+std::string formatFibRoute(const FibPrefix &p, const FibRoute &r);
+
+class FibAgent {
+ public:
+  struct Options {
+    uint32_t svce = 0;  // our endpoint (service, instance); must be free in the run directory
+    uint32_t inst = 0;
+    uint8_t afIndex = RTM_IPV4UNI_AFINDEX;  // IPv4 registers as FIB (27), IPv6 as FIB6 (28)
+    uint32_t instance = 0;                  // the line card's slot
+    std::string name;
+    uint32_t filter = 0;  // 1: the small-FIB filter applies to us
+    // Our SWP queue to rtmd, which carries only the download control.
+    uint32_t window = 4;
+    uint32_t size = 16;
+    int replyWaitMs = 2000;
+    int replyRetries = 2;
+    int ackDelayMs = 0;              // wait this long before taking each sequenced message
+    uint64_t noAckAfter = UINT64_MAX;  // take this many sequenced messages, then no more
+  };
+
+  struct Stats {
+    uint64_t messages = 0;   // sequenced messages taken (in order, acknowledged)
+    uint64_t routeMsgs = 0;  // of which route downloads
+    uint64_t nhMsgs = 0;     // next-hop bundles
+    uint64_t cntrlMsgs = 0;  // download control (a fresh download begins)
+    uint64_t otherMsgs = 0;  // anything else rtmd sends an agent (configuration, VRFs, ...)
+    uint64_t malformed = 0;  // dropped whole
+    uint64_t adds = 0, dels = 0;
+    uint64_t delsUnknown = 0;  // deletes of a prefix we did not hold
+    uint64_t nhAdds = 0, nhDels = 0;
+    uint64_t freshStarts = 0;  // tables of a VRF emptied by a fresh download
+    uint64_t repeats = 0, gaps = 0;  // acknowledged again or refused, not applied
+    uint64_t withheld = 0;     // left unacknowledged once noAckAfter was reached
+    uint64_t acks = 0;         // acknowledgements of our own control messages
+  };
+
+  explicit FibAgent(Options opts);
+  ~FibAgent();  // closes the endpoint; does not deregister
+  FibAgent(const FibAgent &) = delete;
+  FibAgent &operator=(const FibAgent &) = delete;
+
+  // Opens our endpoint. 0 or -1 (lastError() says why).
+  int open();
+  // Registers with rtmd and makes our queue to it. An agent registered before (by an earlier
+  // run) gets its old handle back and keeps rtmd's queue. 0 or -1.
+  int registerAgent();
+  // Asks for the whole table of the VRF; rtmd marks the start and walks it afresh. 0 or -1.
+  int startDownload(uint32_t vrfId);
+  int stopDownload(uint32_t vrfId);
+  // Takes what arrived, waiting up to timeoutMs for the first message, and runs the SWP
+  // timers. The number of messages handled, or -1.
+  int poll(int timeoutMs);
+  // Waits until rtmd acknowledged our control messages. 0 or -1.
+  int waitIdle(int timeoutMs);
+  // Leaves rtmd (which removes our download queue). 0 or -1.
+  int deregister();
+
+  bool registered() const { return registered_; }
+  uint32_t cid() const { return cid_; }
+  int key() const { return key_; }
+  uint8_t afIndex() const { return opts_.afIndex; }
+  bool withholding() const { return stats_.messages >= opts_.noAckAfter; }
+
+  size_t routeCount() const { return table_.size(); }
+  size_t nextHopCount() const { return nexthops_.size(); }
+  const FibRoute *find(const FibPrefix &p) const;
+  const std::unordered_map<FibPrefix, FibRoute, FibPrefixHash> &table() const { return table_; }
+  // Every route as formatFibRoute lines in FibPrefix order, each ending in a newline.
+  std::string dump() const;
+
+  // Called after each message taken in sequence, with its type (tests watch the markers).
+  void setMessageHook(std::function<void(uint32_t mtype, const uint8_t *msg, size_t len)> fn) {
+    hook_ = std::move(fn);
+  }
+
+  const Stats &stats() const { return stats_; }
+  const std::string &lastError() const { return err_; }
+  // Why the last malformed message was dropped.
+  const std::string &lastMalformed() const { return malformedWhy_; }
+
+ private:
+  struct SeqSlot {
+    uint32_t queue;
+    uint32_t expected;
+  };
+  int fail(const std::string &what);
+  int sendCntrl(uint32_t action, uint32_t vrfId);
+  void handle(const uint8_t *msg, size_t len);
+  void take(const uint8_t *msg, size_t len);
+  void applyRoutes(const uint8_t *msg, size_t len);
+  void applyNextHops(const uint8_t *msg, size_t len);
+  void freshStart(uint8_t afIndex, uint32_t vrfId);
+  void malformed(uint32_t mtype, int err);
+
+  Options opts_;
+  int key_ = -1;
+  uint32_t queue_ = 0;
+  uint32_t cid_ = 0;
+  bool registered_ = false;
+  std::vector<SeqSlot> seq_;
+  std::unordered_map<FibPrefix, FibRoute, FibPrefixHash> table_;
+  std::set<std::tuple<uint32_t, uint32_t, std::array<uint8_t, 16>>> nexthops_;  // VRF, ifindex, address
+  FibRouteMsg scratch_;
+  std::vector<FibNhRecord> nhScratch_;
+  Stats stats_;
+  std::function<void(uint32_t, const uint8_t *, size_t)> hook_;
+  std::string err_, malformedWhy_;
   std::vector<uint8_t> rx_;
 };
 
