@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "frame/rtm_frame.h"
+#include "interfaces/rtm_ifm_notif.h"
 #include "ipc/qor_ipc.h"
 #include "log/qor_log.h"
 #include "rtm/rtm_msgs.h"
@@ -25,7 +26,7 @@ bool ifmTestPerSvcTypeMask(const uint8_t *mask, uint32_t type) {
 
 void rtmClearConnRoutes(uint32_t, uint8_t) {}
 
-void rtmIfInit() {}
+void rtmIfInit() { rtmIfmNotifInit(); }
 int halRtmInit() { return 0; }
 
 int rtmIfmRegister() {
