@@ -187,8 +187,9 @@ void *rawAlloc(QorMemPool &p, size_t) {
   return b;
 }
 
-// Finds the pool of a block and releases it, or says why not.
-int rawFree(void *b, QorMemPool **owner) {
+// Finds the pool of a block and releases it, or says why not. `wantVar` says which kind of
+// allocator the caller is: a block of the other kind is refused as not ours, untouched.
+int rawFree(void *b, QorMemPool **owner, bool wantVar) {
   *owner = nullptr;
   uintptr_t a = reinterpret_cast<uintptr_t>(b);
   uintptr_t base = a & kChunkMask;
@@ -199,6 +200,7 @@ int rawFree(void *b, QorMemPool **owner) {
   if (off < p.firstOff || (off - p.firstOff) % p.stride) return QOR_MEM_ENOTBLOCK;
   size_t idx = (off - p.firstOff) / p.stride;
   if (idx >= c->used) return QOR_MEM_ENOTBLOCK;
+  if ((p.var != nullptr) != wantVar) return QOR_MEM_ENOTBLOCK;
   *owner = &p;
   uint64_t bit = uint64_t(1) << (idx & 63);
   if (!(c->bits()[idx >> 6] & bit)) return QOR_MEM_EDOUBLEFREE;
@@ -256,16 +258,17 @@ void *rawAlloc(QorMemPool &p, size_t size) {
   return b;
 }
 
-int rawFree(void *b, QorMemPool **owner) {
+int rawFree(void *b, QorMemPool **owner, bool wantVar) {
   State &s = st();
   *owner = nullptr;
   auto it = s.live.find(b);
   if (it == s.live.end()) {
     auto f = s.freed.find(b);
-    if (f == s.freed.end()) return QOR_MEM_ENOTBLOCK;
+    if (f == s.freed.end() || (f->second->var != nullptr) != wantVar) return QOR_MEM_ENOTBLOCK;
     *owner = f->second;
     return QOR_MEM_EDOUBLEFREE;
   }
+  if ((it->second->var != nullptr) != wantVar) return QOR_MEM_ENOTBLOCK;
   *owner = it->second;
   s.live.erase(it);
   free(b);
@@ -405,11 +408,10 @@ void *qorMC_M_memBlockAlloc(uint32_t number, size_t size, uint32_t tag, const ch
 }
 
 int qorMC_M_memBlockFree(void *block) {
-  QorMemPool *p = ownerOf(block);
-  if (p && p->var) return QOR_MEM_ENOTBLOCK;  // a size-class block goes back through its own free
-  int rc = rawFree(block, &p);
+  QorMemPool *p;
+  // A size-class block goes back through its own free: refused here, untouched.
+  int rc = rawFree(block, &p, false);
   if (rc != QOR_MEM_OK) {
-    if (p && p->var) return QOR_MEM_ENOTBLOCK;
     if (rc == QOR_MEM_EDOUBLEFREE && p) ++p->badFrees;
     return rc;
   }
@@ -506,21 +508,23 @@ void *qorMC_M_memBlockVarAlloc(QOR_MEM_PART_ID part, size_t size, uint32_t, cons
 
 int qorMC_M_memBlockVarFree(void *block) {
   State &s = st();
-  auto fb = s.fallbacks.find(block);
   VarPart *v = nullptr;
-  if (fb != s.fallbacks.end()) {
+  QorMemPool *p;
+  // Class blocks first: they are nearly every free, and the chunk test is the cheaper one.
+  int rc = rawFree(block, &p, true);
+  if (rc == QOR_MEM_OK) {
+    --p->inUse;
+    v = p->var;
+  } else {
+    // Perhaps a block from beyond the largest class (under sanitizers its address may also be
+    // one a freed class block had, which is why this comes before the verdict on rc).
+    auto fb = s.fallbacks.find(block);
+    if (fb == s.fallbacks.end()) return rc;
     v = fb->second.part;
     --v->fallbackInUse;
     v->fallbackBytes -= fb->second.size;
     free(block);
     s.fallbacks.erase(fb);
-  } else {
-    QorMemPool *p = ownerOf(block);
-    if (p && !p->var) return QOR_MEM_ENOTBLOCK;  // a fixed-pool block
-    int rc = rawFree(block, &p);
-    if (rc != QOR_MEM_OK) return p && !p->var ? QOR_MEM_ENOTBLOCK : rc;
-    --p->inUse;
-    v = p->var;
   }
   --v->inUse;
   ++v->frees;
