@@ -226,6 +226,11 @@ int rtmAddClientToList(QOR_DLL *list, rt_client *rtc);
 int rtmRemoveClientFromList(QOR_DLL *list, rt_client *rtc);
 bool rtmClientOnList(const QOR_DLL *list, const rt_client *rtc);
 void rtmValidateOneSuperClient(rt_client *rtc, uint8_t afIndex);
+// Promotes the regular clients that stand at the super group's version in every VRF in use.
+void rtmValidateRegularClients(uint32_t vrfId, uint8_t afIndex);
+// Takes back to the regular list the super members that are filtered or whose queue failed.
+// Call it before rtmValidateRegularClients.
+void rtmValidateSuperClients(uint32_t vrfId, uint8_t afIndex);
 inline rt_client *rtmClientOfNode(QOR_DLL_NODE *n) { return reinterpret_cast<rtm_client_node *>(n)->client; }
 
 // ---- Filter state, flush and clear -------------------------------------------------------

@@ -125,6 +125,7 @@ int rtmTaskInit(int32_t key) {
   if (rtmRibCreate(0, "inet.0", "inet.0c", "inet.0p", "inet.0g", "inet.0m", "inet.0s") != 0) return 1;
   rtmClientInit();
   rtmRibInit();
+  rtmDownloadInit();
   rtmIfInit();
   rtmStaticInit(0);
   rtmMstaticInit();
@@ -358,6 +359,7 @@ void rtmFrameReset() {
   rtmRibReset();
   rtmClientReset();
   rtmNhReset();
+  rtmDownloadReset();
   qorSwpReset();
   qorIpcReset();
   qorTimerReset();

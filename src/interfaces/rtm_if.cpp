@@ -1,6 +1,7 @@
 #include "interfaces/rtm_if.h"
 
 #include <cstring>
+#include <unordered_map>
 
 #include "frame/rtm_frame.h"
 #include "interfaces/rtm_ifm_notif.h"
@@ -25,6 +26,26 @@ bool ifmTestPerSvcTypeMask(const uint8_t *mask, uint32_t type) {
 }
 
 void rtmClearConnRoutes(uint32_t, uint8_t) {}
+
+namespace {
+std::unordered_map<uint32_t, uint32_t> &ifTypes() {
+  static std::unordered_map<uint32_t, uint32_t> table;
+  return table;
+}
+}  // namespace
+
+uint32_t ifmIfIndexToIfType(uint32_t ifindex) {
+  const auto &t = ifTypes();
+  auto it = t.find(ifindex);
+  return it == t.end() ? 0 : it->second;
+}
+void ifmSetIfIndexType(uint32_t ifindex, uint32_t type) {
+  if (type == 0)
+    ifTypes().erase(ifindex);
+  else
+    ifTypes()[ifindex] = type;
+}
+void ifmClearIfIndexTypes() { ifTypes().clear(); }
 
 void rtmIfInit() { rtmIfmNotifInit(); }
 int halRtmInit() { return 0; }

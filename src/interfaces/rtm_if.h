@@ -18,6 +18,13 @@ constexpr uint32_t IFM_REG_MASK_LEN = IFM_REG_MSG_LEN - IFM_REG_OFF_MASK;
 void ifmSetPerSvcTypeMasks(uint8_t *mask, uint32_t type);
 bool ifmTestPerSvcTypeMask(const uint8_t *mask, uint32_t type);
 
+// The interface manager's type of an interface: 20 loopback, 19 always up, 21 null; 0 for an
+// interface nobody has told us of. Until the interface table lands this is a small stand-in
+// table that the interface feeder and tests fill.
+uint32_t ifmIfIndexToIfType(uint32_t ifindex);
+void ifmSetIfIndexType(uint32_t ifindex, uint32_t type);
+void ifmClearIfIndexTypes();
+
 void rtmIfInit();
 // After a clear of a VRF's RIB: the routes of its interfaces are added again.
 void rtmClearConnRoutes(uint32_t vrfId, uint8_t afIndex);

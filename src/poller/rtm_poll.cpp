@@ -3,6 +3,7 @@
 #include "frame/rtm_worker.h"
 
 volatile uint8_t rtmPollRestart[3];
+uint32_t rtmPollWalkAllNodes[MAX_VRF][3];
 
 void rtmPollMain(void *) { rtmWorkerIdleLoop(); }
 

@@ -3,7 +3,12 @@
 
 #include <cstdint>
 
+#include "rtm/rtm_types.h"
+
 extern volatile uint8_t rtmPollRestart[3];
+// Per VRF and family: begin the next poll walk from the start of the change list. The
+// download thread asks for it each time it goes idle.
+extern uint32_t rtmPollWalkAllNodes[MAX_VRF][3];
 
 void rtmPollMain(void *arg);
 void rtmClearPollThread(uint32_t vrfId, uint8_t afIndex);

@@ -14,3 +14,10 @@ void rtmClearRedistThread(uint32_t vrfId, uint8_t afIndex) {
 
 void rtmInitIsisTagInstTbl(int32_t) {}
 void rtmRedistIbgpInit() {}
+
+bool rtmRedistMemCkZero(const uint8_t *redlist, unsigned len, uint32_t, uint8_t) {
+  // No VRF imports routes yet, so the client bitmap alone decides.
+  for (unsigned i = 0; i < len; ++i)
+    if (redlist[i]) return false;
+  return true;
+}

@@ -23,3 +23,6 @@ void rtmTicResetTimer();
 void rtmTicTimeoutCB(void *arg);
 void rtmTicValidatation();
 int rtmTicRadicalRefAllocate(uint32_t vrfId);
+// Whether a head without an active route may be freed: no client holds it (every byte of
+// its client bitmap `redlist`, `len` bytes, is zero) and no importing VRF holds it.
+bool rtmRedistMemCkZero(const uint8_t *redlist, unsigned len, uint32_t vrfId, uint8_t afIndex);

@@ -12,3 +12,4 @@ void rtmClearStaticRoutes(uint32_t, uint8_t) {}
 void rtmClearMstaticRoutes(uint32_t, uint8_t) {}
 void rtmClearStaticRouteSpecific(uint32_t, uint8_t, const uint8_t *, uint8_t) {}
 int rtmClearLeakedStaticRoutes(uint32_t, uint8_t) { return 0; }
+void mstaticUpdProtDependentRoutes(uint32_t) {}

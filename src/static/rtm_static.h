@@ -16,3 +16,5 @@ void rtmClearMstaticRoutes(uint32_t vrfId, uint8_t afIndex);
 void rtmClearStaticRouteSpecific(uint32_t vrfId, uint8_t afIndex, const uint8_t *addr, uint8_t plen);
 // Static routes of other VRFs that lean on this one register their next hops again. 0 or 1.
 int rtmClearLeakedStaticRoutes(uint32_t vrfId, uint8_t afIndex);
+// Re-marks the multicast static routes of a VRF whose protocol dependence may have changed.
+void mstaticUpdProtDependentRoutes(uint32_t vrfId);

@@ -6,6 +6,7 @@
 #include "frame/rtm_worker.h"
 
 rt_vrf_cache *rtmVrfCache[MAX_VRF];
+uint32_t g_rtmVrfCount;
 
 void rtmRouteLeakThread(void *) { rtmWorkerIdleLoop(); }
 void rtm_rtleak_cleaversion(uint32_t, uint8_t) {}
@@ -33,4 +34,5 @@ void rtmRtleakInit() {}
 
 void rtmVrfReset() {
   for (uint32_t v = 0; v < MAX_VRF; ++v) rtmVrfCacheDeAllocate(v);
+  g_rtmVrfCount = 0;
 }

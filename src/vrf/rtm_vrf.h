@@ -19,6 +19,8 @@ struct rt_vrf_cache {
 };
 
 extern rt_vrf_cache *rtmVrfCache[MAX_VRF];
+// VRFs made by notification (VRF 0 is not counted).
+extern uint32_t g_rtmVrfCount;
 
 void rtmRouteLeakThread(void *arg);
 void rtm_rtleak_cleaversion(uint32_t vrfId, uint8_t afIndex);
