@@ -241,9 +241,10 @@ qor_radix_node *nextAfterKey(const qor_radix_tree *t, const Key &k, unsigned len
 // ---- Accelerator ----
 //
 // The stride follows the size of the tree, so that a block holds about one prefix: 16 bits at
-// rdx_accelMin heads, one more bit each time the tree doubles, at most 20, which keeps the
-// table between 11 and 23 bytes per prefix. It is rebuilt (O(heads)) only when the tree has
-// grown or shrunk by a factor of about two past the point where it was built.
+// rdx_accelMin heads, one more bit each time the tree doubles, at most 20. It is rebuilt
+// (O(heads)) only when the tree has grown or shrunk by a factor of about two past the point
+// where it was built; a growing tree skips a stride each time, so a table that fills up is
+// built three times rather than five.
 
 constexpr unsigned kAccelMinBits = 16;
 constexpr unsigned kAccelMaxBits = 20;
@@ -408,7 +409,9 @@ void accelResize(qor_radix_tree *t) {
   if (!a) {
     if (h >= t->rdx_accelMin) accelBuild(t, want);
   } else if (want > a->bits) {
-    accelBuild(t, want);
+    // Two bits at a time while growing: a rebuild is a pass over the top of the tree and a
+    // fresh table, and a table filling up grows through every stride otherwise.
+    accelBuild(t, std::min(want + 1, kAccelMaxBits));
   } else if (want + 1 < a->bits) {
     accelBuild(t, want + 1);
   }
@@ -671,6 +674,18 @@ int qorRadixWalk(qor_radix_tree *tree, int order, QorRadixWalkCB cb, int flags, 
 qor_radix_node *qorRadixNodeFirst(const qor_radix_tree *tree) { return tree ? tree->rdx_root : nullptr; }
 
 qor_radix_node *qorRadixNodeNext(const qor_radix_node *node) { return node ? nextPre(node) : nullptr; }
+
+void qorRadixPrefetch(const qor_radix_tree *tree, const void *key, unsigned prefixlen, int stage) {
+  if (!tree || !key || !accelUsable(tree, prefixlen) || prefixlen > tree->rdx_keyBits) return;
+  const QorRadixAccel *a = tree->rdx_accel;
+  const uint32_t k32 = top32(loadKey(static_cast<const uint8_t *>(key), tree->rdx_keyBytes));
+  const uintptr_t *slot = &a->slot[blockOf(a, k32)];
+  if (stage == 0) {
+    __builtin_prefetch(slot);
+    return;
+  }
+  if (const qor_radix_node *n = slotStart(*slot)) __builtin_prefetch(n);
+}
 
 size_t qorRadixBytes(const qor_radix_tree *tree) {
   if (!tree) return 0;

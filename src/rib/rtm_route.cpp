@@ -44,6 +44,11 @@ std::unordered_map<const rt_head *, rt_head_ext> &extTable() {
   return table;
 }
 
+// How far ahead a batch fetches: the slot of the element kPrefetchFar on, the node of the one
+// kPrefetchNear on (a slot fetched early enough to have arrived by then).
+constexpr unsigned kPrefetchFar = 8;
+constexpr unsigned kPrefetchNear = 4;
+
 struct Names {
   char prefix[RTM_INET6_ADDRSTRLEN];
   char client[41];
@@ -663,6 +668,20 @@ int rtmDelRouteIPv4(uint8_t afIndex, uint32_t cid, uint8_t *rtp) {
   return RTM_SUCCESS;
 }
 
+// ---- Batches --------------------------------------------------------------------------------
+
+void rtmRoutePrefetch(uint8_t afIndex, uint32_t cid, const uint8_t *rtp, int stage) {
+  if (afIndex != RTM_IPV4UNI_AFINDEX && afIndex != RTM_IPV6UNI_AFINDEX) return;
+  // Only a hint: the tree is the one the client's routes normally go to, and any check the
+  // add or delete makes comes later.
+  const int32_t cvrf = rtmClientGetVrfId(afIndex, cid);
+  const uint32_t vrfId = cvrf < 0 || uint32_t(cvrf) >= MAX_VRF ? rtpGetVrfId(rtp) : uint32_t(cvrf);
+  if (vrfId >= MAX_VRF || !rt_inet_tbl[vrfId] || rt_inet_tbl[vrfId]->ribState != 1) return;
+  const uint8_t plen = rtpGetPrefixLen(rtp);
+  if (plen > rtmAfKeyBits(afIndex)) return;
+  qorRadixPrefetch(rt_inet_tbl[vrfId]->mainTree[afIndex], rtpPrefix(rtp, afIndex), plen, stage);
+}
+
 // ---- The message ----------------------------------------------------------------------------
 
 int rtmUpdateRouteIPv4(uint8_t *msg, uint32_t len, rt_client *) {
@@ -679,8 +698,19 @@ int rtmUpdateRouteIPv4(uint8_t *msg, uint32_t len, rt_client *) {
   rtm_route_iter it;
   rtm_route_elem el;
   rtmRouteIterInit(&it, msg, len);
+  // Two walks ahead of the one that applies: the far one starts fetching each element's slot
+  // of the tree's lookup table, the near one the node that slot names, so the cache misses of
+  // the next descents overlap with this one.
+  rtm_route_iter far = it, near = it;
+  rtm_route_elem ahead;
+  for (unsigned i = 0; i < kPrefetchFar && rtmRouteIterNext(&far, &ahead) == RTM_WIRE_OK; ++i)
+    rtmRoutePrefetch(it.afIndex, it.cid, ahead.rtp, 0);
+  for (unsigned i = 0; i < kPrefetchNear && rtmRouteIterNext(&near, &ahead) == RTM_WIRE_OK; ++i)
+    rtmRoutePrefetch(it.afIndex, it.cid, ahead.rtp, 1);
   rtmRibDeferWakeups(true);
   while (rtmRouteIterNext(&it, &el) == RTM_WIRE_OK) {
+    if (rtmRouteIterNext(&far, &ahead) == RTM_WIRE_OK) rtmRoutePrefetch(it.afIndex, it.cid, ahead.rtp, 0);
+    if (rtmRouteIterNext(&near, &ahead) == RTM_WIRE_OK) rtmRoutePrefetch(it.afIndex, it.cid, ahead.rtp, 1);
     rtmConvertRtpParams(it.afIndex, el.rtp);
     switch (el.subCmd) {
       case RTM_UPD_ADD:

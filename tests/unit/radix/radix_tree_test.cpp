@@ -3,6 +3,7 @@
 // the node walk used for renumbering.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <set>
 #include <string>
@@ -229,6 +230,41 @@ TEST_F(RadixTree, WalkStopsOnNonZero) {
   auto cb = [](qor_radix_hdr *, void *a) { return ++*static_cast<int *>(a) == 3 ? -1 : 0; };
   EXPECT_EQ(qorRadixWalk(t, 0, cb, 0, &calls), -1);
   EXPECT_EQ(calls, 3);
+}
+
+// Batch hints read the caller's key and the accelerator only: on every width, for prefixes
+// shorter and longer than the stride, with the key in a buffer of exactly the key's bytes
+// (the sanitizer build catches a read past it), they change no answer of the tree.
+TEST(RadixPrefetch, ReadsOnlyTheKeyAndChangesNothing) {
+  for (unsigned bits : {24u, 32u, 128u}) {
+    SCOPED_TRACE(bits);
+    qor_radix_tree *tree = qorRadixCreate("p", bits, nullptr, nullptr, 0);
+    tree->rdx_accelMin = 1;  // the table from the first head on
+    std::vector<std::unique_ptr<Rec>> recs;
+    std::mt19937 rng(bits);
+    for (int i = 0; i < 200; ++i) {
+      auto r = std::make_unique<Rec>();
+      for (unsigned b = 0; b < bits / 8; ++b) r->key[b] = uint8_t(rng());
+      r->plen = 8 + unsigned(rng() % (bits - 7));
+      r->key = maskBytes(r->key, r->plen);
+      if (qorRadixInsert(tree, &r->hdr, r->plen)) recs.push_back(std::move(r));
+    }
+    ASSERT_NE(tree->rdx_accel, nullptr);
+    qorRadixPrefetch(nullptr, recs[0]->key.data(), 8, 0);  // no tree: nothing to do
+    qorRadixPrefetch(tree, nullptr, 8, 1);
+    for (auto &r : recs) {
+      std::vector<uint8_t> key(r->key.begin(), r->key.begin() + bits / 8);
+      for (unsigned len : {0u, 8u, 15u, 16u, 20u, bits, bits + 1}) {
+        const unsigned l = std::min(len, bits);
+        qor_radix_hdr *exact = qorRadixGetExact(tree, key.data(), l), *best = qorRadixGetBest(tree, key.data(), l);
+        for (int stage : {0, 1}) qorRadixPrefetch(tree, key.data(), len, stage);
+        EXPECT_EQ(qorRadixGetExact(tree, key.data(), l), exact);
+        EXPECT_EQ(qorRadixGetBest(tree, key.data(), l), best);
+      }
+      EXPECT_EQ(qorRadixGetExact(tree, key.data(), r->plen), &r->hdr);
+    }
+    qorRadixDestroy(tree);
+  }
 }
 
 }  // namespace
