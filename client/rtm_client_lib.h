@@ -43,6 +43,7 @@
 #include <vector>
 
 #include "rtm/rtm_client_msgs.h"
+#include "rtm/rtm_dnld_clients.h"
 #include "rtm/rtm_msgs.h"
 #include "rtm/rtm_route_count.h"
 #include "rtm/rtm_types.h"
@@ -431,6 +432,35 @@ class ProtoClient {
   std::string err_;
   std::vector<uint8_t> rx_;
 };
+
+// ---- Download clients view ------------------------------------------------------------------
+
+struct DnldClientRow {
+  uint32_t cid = 0;
+  uint8_t list = 0;  // RTM_DC_LIST_NONE, _REGULAR or _SUPER
+  uint32_t proto = 0, instance = 0;
+  uint32_t dnldState = 0;  // 255: the download queue failed
+  uint32_t qState = 0, filterState = 0;
+  uint32_t adds = 0, dels = 0, sends = 0, superSends = 0, failures = 0;
+  uint32_t queueLen = 0;  // messages held on the download queue (RTM_DC_QLEN_NONE: no queue)
+  uint32_t ruleFlags = 0;
+  uint64_t version = 0;  // served up to, in the VRF asked about
+};
+struct DnldClientsReply {
+  uint32_t status = RTM_DC_EBADREQ;
+  uint32_t superMembers = 0;
+  uint64_t treeVersion = 0, groupVersion = 0;
+  std::vector<DnldClientRow> rows;
+  const DnldClientRow *find(uint32_t proto, uint32_t instance) const;
+};
+// MT_NM_CMD with sub-code MT_RTM_GET_DNLD_CLIENTS for a family (0 or 2) and a VRF. Returns
+// RTM_DC_REQ_LEN, or 0 if cap is too small.
+size_t encodeDnldClientsRequest(uint8_t afIndex, uint32_t vrfId, uint8_t *buf, size_t cap);
+// RTM_WIRE_OK, or RTM_WIRE_ESHORT when the reply is shorter than its row count says.
+int decodeDnldClientsReply(const uint8_t *buf, size_t len, DnldClientsReply *out);
+// Asks rtmd over the key's response queue. 0, or -1 with errno (EPROTO for a refused answer).
+int queryDnldClients(int key, uint8_t afIndex, uint32_t vrfId, DnldClientsReply *out, int attemptMs = 2000,
+                     int retries = 2);
 
 // ---- The FIB agent --------------------------------------------------------------------------
 //

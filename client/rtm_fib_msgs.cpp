@@ -5,12 +5,16 @@
 // Every message is checked whole before anything of it is handed out: a command, its next
 // hops or its TLV that would reach past mlen, counts that disagree, or bytes left over make
 // the message malformed, and the caller gets an error and no commands, never a part.
+#include <cerrno>
 #include <cstring>
 
+#include "client/rtm_client_internal.h"
 #include "client/rtm_client_lib.h"
+#include "ipc/qor_ipc.h"
 
 using rtm::ld16;
 using rtm::ld32;
+using rtm::ld64;
 using rtm::ld8;
 using rtm::st32;
 using rtm::st8;
@@ -175,6 +179,76 @@ int decodeDnldCntrl(const uint8_t *msg, size_t len, DnldCntrl *out) {
   out->vrfId = ld32(msg, DNLD_CNTRL_OFF_VRFID);
   out->afIndex = ld8(msg, DNLD_CNTRL_OFF_AFINDEX);
   return RTM_WIRE_OK;
+}
+
+const DnldClientRow *DnldClientsReply::find(uint32_t proto, uint32_t instance) const {
+  for (const DnldClientRow &r : rows)
+    if (r.proto == proto && r.instance == instance) return &r;
+  return nullptr;
+}
+
+size_t encodeDnldClientsRequest(uint8_t afIndex, uint32_t vrfId, uint8_t *buf, size_t cap) {
+  if (!buf || cap < RTM_DC_REQ_LEN) return 0;
+  memset(buf, 0, RTM_DC_REQ_LEN);
+  st32(buf, IPC_OFF_MLEN, RTM_DC_REQ_LEN);
+  st32(buf, IPC_OFF_MTYPE, MT_NM_CMD);
+  st32(buf, RTM_NM_OFF_SUBCODE, MT_RTM_GET_DNLD_CLIENTS);
+  st32(buf, RTM_DC_OFF_AFINDEX, afIndex);
+  st32(buf, RTM_DC_OFF_VRFID, vrfId);
+  return RTM_DC_REQ_LEN;
+}
+
+int decodeDnldClientsReply(const uint8_t *buf, size_t len, DnldClientsReply *out) {
+  *out = DnldClientsReply{};
+  if (!buf || len < RTM_NM_OFF_STATUS + 4) return RTM_WIRE_ESHORT;
+  out->status = ld32(buf, RTM_NM_OFF_STATUS);
+  if (out->status != RTM_DC_OK) return RTM_WIRE_OK;
+  if (len < RTM_DC_OFF_ROWS) return RTM_WIRE_ESHORT;
+  const uint32_t rows = ld32(buf, RTM_DC_OFF_NROWS);
+  if (rows > MAX_RTM_CLEINTS || len < RTM_DC_OFF_ROWS + size_t(rows) * RTM_DC_ROW_LEN) return RTM_WIRE_ESHORT;
+  out->superMembers = ld32(buf, RTM_DC_OFF_NSUPER);
+  out->treeVersion = ld64(buf, RTM_DC_OFF_TREEVER);
+  out->groupVersion = ld64(buf, RTM_DC_OFF_GROUPVER);
+  for (uint32_t i = 0; i < rows; ++i) {
+    const uint8_t *p = buf + RTM_DC_OFF_ROWS + size_t(i) * RTM_DC_ROW_LEN;
+    DnldClientRow r;
+    r.cid = ld32(p, RTM_DC_ROW_CID);
+    r.list = ld8(p, RTM_DC_ROW_LIST);
+    r.proto = ld32(p, RTM_DC_ROW_PROTO);
+    r.instance = ld32(p, RTM_DC_ROW_INSTANCE);
+    r.dnldState = ld32(p, RTM_DC_ROW_DNLDSTATE);
+    r.qState = ld32(p, RTM_DC_ROW_QSTATE);
+    r.filterState = ld32(p, RTM_DC_ROW_FILTERSTATE);
+    r.adds = ld32(p, RTM_DC_ROW_ADDS);
+    r.dels = ld32(p, RTM_DC_ROW_DELS);
+    r.sends = ld32(p, RTM_DC_ROW_SENDS);
+    r.superSends = ld32(p, RTM_DC_ROW_SUPERSENDS);
+    r.failures = ld32(p, RTM_DC_ROW_FAILURES);
+    r.queueLen = ld32(p, RTM_DC_ROW_QLEN);
+    r.ruleFlags = ld32(p, RTM_DC_ROW_RULEFLAGS);
+    r.version = ld64(p, RTM_DC_ROW_VERSION);
+    out->rows.push_back(r);
+  }
+  return RTM_WIRE_OK;
+}
+
+int queryDnldClients(int key, uint8_t afIndex, uint32_t vrfId, DnldClientsReply *out, int attemptMs, int retries) {
+  std::vector<uint8_t> req(RTM_IPC_BUF_SIZE), reply(RTM_IPC_BUF_SIZE);
+  const size_t n = encodeDnldClientsRequest(afIndex, vrfId, req.data(), req.size());
+  if (!addressToRtmd(req.data())) {
+    errno = ECONNREFUSED;
+    return -1;
+  }
+  if (qorIpcSendWaitWithRetry(key, req.data(), reply.data(), static_cast<uint32_t>(n),
+                              static_cast<uint32_t>(reply.size()), retries, MT_NM_CMD, attemptMs, 0) != 0)
+    return -1;
+  const size_t mlen = ld32(reply.data(), IPC_OFF_MLEN);
+  if (decodeDnldClientsReply(reply.data(), mlen < reply.size() ? mlen : reply.size(), out) != RTM_WIRE_OK ||
+      out->status != RTM_DC_OK) {
+    errno = EPROTO;
+    return -1;
+  }
+  return 0;
 }
 
 }  // namespace rtmclient

@@ -111,5 +111,7 @@ int rtmGetRouteCount(uint8_t *msg, uint32_t len, rt_client *) {
 }
 
 int rtmViewsInit() {
-  return rtmFrameSetNmHandler(MT_RTM_GET_ROUTE_COUNT, rtmGetRouteCount) == 0 ? 0 : 1;
+  const bool ok = rtmFrameSetNmHandler(MT_RTM_GET_ROUTE_COUNT, rtmGetRouteCount) == 0 &&
+                  rtmFrameSetNmHandler(MT_RTM_GET_DNLD_CLIENTS, rtmGetDnldClients) == 0;
+  return ok ? 0 : 1;
 }

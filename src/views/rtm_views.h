@@ -17,3 +17,8 @@ int rtmViewsInit();
 int rtmGetRouteCount(uint8_t *msg, uint32_t len, rt_client *rtc);
 // The reply without the sending, for the handler and for tests. Returns the status word.
 uint32_t rtmRouteCountBuild(uint8_t *msg, uint32_t len);
+
+// MT_RTM_GET_DNLD_CLIENTS: the download clients of a family (rtm/rtm_dnld_clients.h). The
+// build leaves the reply in msg (room for RTM_IPC_BUF_SIZE) and returns the status word.
+int rtmGetDnldClients(uint8_t *msg, uint32_t len, rt_client *rtc);
+uint32_t rtmDnldClientsBuild(uint8_t *msg, uint32_t len);
