@@ -1,0 +1,362 @@
+// Flushes, clears and the download filter, driven by their messages over real sockets: what
+// leaves the RIB, what the protocols and agents are sent (to the byte where it matters), the
+// blocked state a clear leaves until the answer with the right key, and the filter's moves.
+#include "cfg/qor_cfg.h"
+#include "rtm/rtm_clear_msgs.h"
+#include "tests/unit/clients/rtmd_fixture.h"
+#include "tests/unit/rib/rib_test_util.h"
+
+using namespace rtmtest;
+using ribtest::Route;
+using rtm::ld32;
+using rtm::st32;
+
+namespace {
+
+constexpr uint32_t kVrf = 5;
+
+class Flush : public RtmdTest {
+ protected:
+  void SetUp() override {
+    RtmdTest::SetUp();
+    rtmRcvdDnldCmpFrmIfm[0] = 1;
+  }
+  void makeVrf(uint32_t v) {
+    g_rtmVrfInUse[v] = 1;
+    ASSERT_EQ(rtmVrfCacheAllocate(v), 0);
+    ASSERT_EQ(rtmRibRtInetAllocate(v), 0);
+    ASSERT_EQ(rtmRibCreate(v, "inet.5", "inet.5c", "inet.5p", "inet.5g", "inet.5m", "inet.5s"), 0);
+    ASSERT_EQ(rtmNhInit(v), 0);
+    ASSERT_EQ(rtmClientUpdateVrfCreate(v), 0);
+  }
+  uint32_t client(Peer &p, Reg r) {
+    uint32_t cid = 0;
+    EXPECT_EQ(reg(p, r, &cid), RTM_REG_OK);
+    received(p);
+    return cid;
+  }
+  // A protocol of every VRF: only the VRF form of the registration keeps the VRF it names.
+  static Reg everyVrf(uint32_t proto, uint8_t af) {
+    Reg r{proto, 0, af, ALL_VRF_ID};
+    r.mtype = MT_RTM_REG_CLIENT_VRF;
+    return r;
+  }
+  static Route route(uint8_t af, uint32_t proto, const char *prefix, uint32_t vrf = 0, uint16_t pref = 110) {
+    Route r(af);
+    r.prefix(prefix, af ? 48 : 16).proto(proto).pref(pref).vrf(vrf).nh(af ? "fe80::1" : "192.168.1.1", 5, vrf);
+    if (proto == RTM_PROTO_BGP) r.subtype(RT_BGP_EXTERNAL);
+    return r;
+  }
+  static int add(uint32_t cid, Route r) { return rtmAddRouteIPv4(r.af, cid, r.p()); }
+  static rt_head *head(uint8_t af, const char *prefix, uint32_t vrf = 0) {
+    uint8_t a[16] = {};
+    EXPECT_EQ(rtmAF_AddrParse(af, prefix, a), 0);
+    return rtmHeadOf(qorRadixGetExact(rtmRibGetTree(af, vrf), a, af ? 48 : 16));
+  }
+  static bool routed(uint8_t af, const char *prefix, uint32_t vrf = 0) {
+    rt_head *h = head(af, prefix, vrf);
+    return h && h->rtmh_rte;
+  }
+  static Msg message(uint32_t mtype, uint32_t len) {
+    Msg m(len, 0);
+    st32(m.data(), IPC_OFF_MLEN, len);
+    st32(m.data(), IPC_OFF_MTYPE, mtype);
+    return m;
+  }
+  // A message of client `cid` of the family on its SWP queue, in its sequence.
+  void sendSeq(Peer &p, uint8_t af, uint32_t cid, Msg m) {
+    st32(m.data(), SWP_OFF_QUEUE, 7);
+    st32(m.data(), SWP_OFF_SEQ, ++seq[af << 8 | cid]);
+    send(p, std::move(m));
+  }
+  static Msg nm(uint32_t sub, uint32_t len) {
+    Msg m = message(MT_NM_CMD, len);
+    st32(m.data(), RTM_NM_OFF_SUBCODE, sub);
+    return m;
+  }
+  static Msg clearRecord(uint8_t af, uint32_t all, const char *prefix = nullptr, uint32_t vrf = 0) {
+    Msg m = nm(MT_RTM_CLEAR_ROUTES, RTM_NM_OFF_DATA + RTM_CLR_REC_LEN);
+    uint8_t *rec = m.data() + RTM_NM_OFF_DATA;
+    st32(rec, RTM_CLR_REC_OFF_ALL, all);
+    rec[RTM_CLR_REC_OFF_AFINDEX] = af;
+    if (prefix) EXPECT_EQ(rtmAF_AddrParse(af, prefix, rec + RTM_CLR_REC_OFF_PREFIX), 0);
+    rec[RTM_CLR_REC_OFF_PLEN] = af ? 48 : 16;
+    st32(rec, RTM_CLR_REC_OFF_VRFID, vrf);
+    return m;
+  }
+  // A protocol's answer to a clear.
+  Msg answer(uint32_t cid, uint8_t af, uint32_t key, uint32_t all) {
+    Msg m = message(af ? MT_RTM6_CLR_ROUTE : MT_RTM_CLR_ROUTE, RTM_CLR_MSG_LEN);
+    st32(m.data(), RTM_CLR_OFF_CID, cid);
+    st32(m.data(), RTM_CLR_OFF_ALL, all);
+    st32(m.data(), RTM_CLR_OFF_KEY, key);
+    return m;
+  }
+  static std::string cfgText(uint8_t key) {
+    const char *t = qorCfgFind(uint32_t(rtmPkey), &key, 1, 176);
+    return t ? t : "";
+  }
+  static std::string lastSynced() {
+    const auto &log = qorCfgSyncLog();
+    return log.empty() ? "" : reinterpret_cast<const char *>(log.back().bytes.data() + 272);
+  }
+  std::map<uint32_t, uint32_t> seq;
+};
+
+TEST_F(Flush, AFlushTakesTheClientsOwnRoutesOfItsFamilyAndVrf) {
+  makeVrf(kVrf);
+  Peer &p = open(800), &q = open(801);
+  const uint32_t o4 = client(p, everyVrf(RTM_PROTO_OSPF, 0)), o6 = client(p, everyVrf(RTM_PROTO_OSPF, 2));
+  const uint32_t rip = client(q, {RTM_PROTO_RIP});
+  struct Case {
+    const char *what;
+    uint32_t mtype, cid, vrf;
+    bool v4vrf0, v4vrf5, v6vrf0;  // the client's routes still there afterwards
+    bool reply;
+  } cases[] = {
+      {"every VRF, plain", MT_RTM_FLUSH_CLIENT_ROUTES, o4, 0, false, false, true, true},
+      {"every VRF, sequenced", MT_RTM_FLUSH_CLIENT_ROUTES_SWP, o4, 0, false, false, true, false},
+      {"every VRF, IPv6", MT_RTM6_FLUSH_CLIENT_ROUTES_SWP, o6, 0, true, true, false, false},
+      {"one VRF", MT_RTM_FLUSH_CLIENT_VRF_ROUTES_SWP, o4, kVrf, true, false, true, false},
+      {"one VRF, IPv6", MT_RTM6_FLUSH_CLIENT_VRF_ROUTES_SWP, o6, 0, true, true, false, false},
+      {"an unknown client", MT_RTM_FLUSH_CLIENT_ROUTES, 40, 0, true, true, true, false},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.what);
+    ASSERT_EQ(add(o4, route(0, RTM_PROTO_OSPF, "10.1.0.0")), RTM_SUCCESS);
+    ASSERT_EQ(add(o4, route(0, RTM_PROTO_OSPF, "10.1.0.0", kVrf)), RTM_SUCCESS);
+    ASSERT_EQ(add(o6, route(2, RTM_PROTO_OSPF, "2001:db8:1::")), RTM_SUCCESS);
+    ASSERT_EQ(add(rip, route(0, RTM_PROTO_RIP, "10.2.0.0", 0, 120)), RTM_SUCCESS);
+    qorLogClearRecent();
+    Msg m = message(c.mtype, RTM_FLUSH_SWP_LEN);
+    if (c.mtype == MT_RTM_FLUSH_CLIENT_ROUTES) {
+      st32(m.data(), RTM_FLUSH_OFF_CID, c.cid);
+      send(p, m);
+    } else {
+      st32(m.data(), RTM_CLR_OFF_CID, c.cid);
+      st32(m.data(), RTM_FLUSH_SWP_OFF_VRFID, c.vrf);
+      sendSeq(p, c.mtype == MT_RTM6_FLUSH_CLIENT_ROUTES_SWP || c.mtype == MT_RTM6_FLUSH_CLIENT_VRF_ROUTES_SWP ? 2 : 0,
+              c.cid, m);
+    }
+    EXPECT_EQ(routed(0, "10.1.0.0"), c.v4vrf0);
+    EXPECT_EQ(routed(0, "10.1.0.0", kVrf), c.v4vrf5);
+    EXPECT_EQ(routed(2, "2001:db8:1::"), c.v6vrf0);
+    EXPECT_TRUE(routed(0, "10.2.0.0"));  // another client's
+    std::vector<Msg> replies = ofType(received(p), c.mtype);
+    ASSERT_EQ(replies.size(), c.reply ? 1u : 0u);
+    if (c.reply) EXPECT_EQ(ld32(replies[0].data(), IPC_OFF_MSTATUS), 0u);
+    if (c.cid == 40) EXPECT_EQ(qorLogCount(0x148019), 1u);
+  }
+}
+
+TEST_F(Flush, AClearBlocksEachProtocolUntilItAnswersWithTheKey) {
+  Peer &p = open(810), &q = open(811), &cli = open(812);
+  const uint32_t ospf = client(p, {RTM_PROTO_OSPF}), rip = client(q, {RTM_PROTO_RIP});
+  ASSERT_EQ(add(ospf, route(0, RTM_PROTO_OSPF, "10.1.0.0")), RTM_SUCCESS);
+  ASSERT_EQ(add(rip, route(0, RTM_PROTO_RIP, "10.2.0.0", 0, 120)), RTM_SUCCESS);
+  send(cli, clearRecord(0, 1));
+  std::vector<Msg> status = ofType(received(cli), MT_NM_CMD);
+  ASSERT_EQ(status.size(), 1u);
+  EXPECT_EQ(ld32(status[0].data(), RTM_NM_OFF_STATUS), 0u);
+  EXPECT_EQ(rtmRibGetTree(0, 0)->rdx_heads, 0u);
+  EXPECT_EQ(rtmNhCount(0, 0), 0u);
+  // The flush message, to the byte.
+  std::vector<Msg> flush = ofType(received(p), MT_RTM_CLR_ROUTE);
+  ASSERT_EQ(flush.size(), 1u);
+  const uint8_t *f = flush[0].data();
+  ASSERT_EQ(flush[0].size(), RTM_CLR_MSG_LEN);
+  EXPECT_EQ(ld32(f, IPC_OFF_MLEN), RTM_CLR_MSG_LEN);
+  EXPECT_EQ(ld32(f, IPC_OFF_MSTATUS), 1u);
+  EXPECT_EQ(ld32(f, RTM_CLR_OFF_ALL), 1u);
+  EXPECT_EQ(f[RTM_CLR_OFF_AFINDEX], 0);
+  EXPECT_EQ(ld32(f, RTM_CLR_OFF_KEY), 1u);
+  EXPECT_EQ(ld32(f, RTM_CLR_OFF_VRFID), 0u);
+  for (size_t i = RTM_CLR_OFF_CID; i < RTM_CLR_OFF_ALL; ++i) EXPECT_EQ(f[i], 0) << i;
+  EXPECT_EQ(ofType(received(q), MT_RTM_CLR_ROUTE).size(), 1u);
+
+  rtClientVrfInfo *rvi = rt_client_tbl[0][ospf].rtc_vrf[0];
+  struct Step {
+    const char *what;
+    uint32_t key, all;
+    uint32_t blockedAfter;
+    bool stale, unexpected;
+  } steps[] = {
+      {"an older key", 0, 1, 1, true, false},
+      {"a key not yet given", 4, 1, 1, true, false},
+      {"the answer to a clear of one prefix", 1, 0, 1, false, false},
+      {"the key", 1, 1, 0, false, false},
+      {"a key not yet given, when not blocked", 4, 1, 0, true, true},
+  };
+  for (const Step &s : steps) {
+    SCOPED_TRACE(s.what);
+    ASSERT_EQ(add(ospf, route(0, RTM_PROTO_OSPF, "10.3.0.0")), RTM_SUCCESS);
+    EXPECT_EQ(routed(0, "10.3.0.0"), rvi->rvi_blocked == 0);  // a blocked client's add is dropped
+    qorLogClearRecent();
+    sendSeq(p, 0, ospf, answer(ospf, 0, s.key, s.all));
+    EXPECT_EQ(rvi->rvi_blocked, s.blockedAfter);
+    EXPECT_EQ(qorLogSaw("Stale clear response received from client"), s.stale);
+    EXPECT_EQ(qorLogCount(0x14801B), s.unexpected ? 1u : 0u);
+  }
+  EXPECT_TRUE(routed(0, "10.3.0.0"));
+  EXPECT_EQ(rt_client_tbl[0][rip].rtc_vrf[0]->rvi_blocked, 1u);  // RIP has not answered yet
+}
+
+TEST_F(Flush, AClearOfOnePrefixGoesThroughTheOrdinaryDelete) {
+  Peer &p = open(820), &q = open(821), &cli = open(822);
+  const uint32_t ospf = client(p, {RTM_PROTO_OSPF}), rip = client(q, {RTM_PROTO_RIP});
+  uint32_t st = 0;
+  ASSERT_EQ(_rtmRegisterClient(0, RTM_PROTO_STATIC, "static", 0, 0, RTM_SVCE, 0, 0, 0, &st, 0, 0), RTM_REG_NEW);
+  ASSERT_EQ(add(ospf, route(0, RTM_PROTO_OSPF, "10.1.0.0", 0, 1)), RTM_SUCCESS);
+  ASSERT_EQ(add(st, route(0, RTM_PROTO_STATIC, "10.1.0.0", 0, 5)), RTM_SUCCESS);
+  ASSERT_EQ(add(ospf, route(0, RTM_PROTO_OSPF, "10.2.0.0")), RTM_SUCCESS);
+  rt_head *h = head(0, "10.1.0.0");
+  const uint64_t v = rtmh_version(h);
+  send(cli, clearRecord(0, 0, "10.1.0.0"));
+  ASSERT_EQ(h->rtmh_rte->rte_cid, st);  // the static route stays, and wins now
+  EXPECT_EQ(h->rtmh_rte->rte_next, nullptr);
+  EXPECT_GT(rtmh_version(h), v);  // the agents hear of it
+  EXPECT_TRUE(routed(0, "10.2.0.0"));
+  for (Peer *x : {&p, &q}) {
+    std::vector<Msg> flush = ofType(received(*x), MT_RTM_CLR_ROUTE);
+    ASSERT_EQ(flush.size(), 1u);
+    const uint8_t *f = flush[0].data();
+    EXPECT_EQ(ld32(f, RTM_CLR_OFF_ALL), 0u);
+    EXPECT_EQ(ld32(f, RTM_CLR_OFF_KEY), 0u);
+    EXPECT_EQ(f[RTM_CLR_OFF_PLEN], 16);
+    EXPECT_EQ(Msg(f + RTM_CLR_OFF_PREFIX, f + RTM_CLR_OFF_PREFIX + 4), (Msg{10, 1, 0, 0}));
+  }
+  EXPECT_EQ(rt_client_tbl[0][ospf].rtc_vrf[0]->rvi_blocked, 0u);
+  EXPECT_EQ(rt_client_tbl[0][rip].rtc_vrf[0]->rvi_blocked, 0u);
+}
+
+TEST_F(Flush, ClearFibStartsTheAgentAfreshOnTheRegularList) {
+  Peer &agent = open(830), &cli = open(831);
+  const uint32_t fib = client(agent, {RTM_PROTO_FIB});
+  rt_client *rtc = rtmClientGetByHandle(0, fib);
+  ASSERT_EQ(rtmAddClientToList(&superClients[0], rtc), 0);
+  ASSERT_EQ(rtmRemoveClientFromList(&regularClients[0], rtc), 0);
+  rtc->rtc_vrf[0]->rvi_version = 7;
+  rtc->rtc_dnldState = RTC_Q_STOPPED;
+  Msg m = message(MT_RTM_CLEAR_FIB, RTM_CLEAR_FIB_LEN);
+  st32(m.data(), RTM_CLEAR_FIB_OFF_CID, fib);
+  // Before the download thread has had a turn (which may promote it again at once).
+  ASSERT_EQ(rtmClearIpFibCmd(m.data()), RTM_SUCCESS);
+  EXPECT_TRUE(rtmClientOnList(&regularClients[0], rtc));
+  EXPECT_FALSE(rtmClientOnList(&superClients[0], rtc));
+  EXPECT_EQ(rtc->rtc_vrf[0]->rvi_version, 0u);
+  EXPECT_EQ(rtc->rtc_dnldState, RTC_Q_REGISTERED);
+  // The agent is told to forget the VRF's table, with the marker of a fresh download.
+  pump();
+  std::vector<Msg> marks = ofType(received(agent), MT_RTM_DNLD_CNTRL);
+  ASSERT_EQ(marks.size(), 1u);
+  ASSERT_EQ(marks[0].size(), 144u);
+  EXPECT_EQ(ld32(marks[0].data(), 128), 0u);  // the version word
+  EXPECT_EQ(ld32(marks[0].data(), 132), RTM_CNTRL_DNLD_BEGINS);
+  EXPECT_EQ(ld32(marks[0].data(), 136), 0u);  // the VRF
+  EXPECT_EQ(marks[0][140], 0);                // the family
+  // The message is answered with status 0, for a client it does not know too.
+  for (uint32_t cid : {fib, 40u}) {
+    SCOPED_TRACE(cid);
+    qorLogClearRecent();
+    st32(m.data(), RTM_CLEAR_FIB_OFF_CID, cid);
+    send(cli, m);
+    std::vector<Msg> replies = ofType(received(cli), MT_RTM_CLEAR_FIB);
+    ASSERT_EQ(replies.size(), 1u);
+    EXPECT_EQ(ld32(replies[0].data(), IPC_OFF_MSTATUS), 0u);
+    EXPECT_EQ(qorLogCount(0x148019), cid == fib ? 0u : 1u);
+  }
+}
+
+TEST_F(Flush, TheFilterMovesAgentsOffTheSuperListAndIsKeptInTheConfiguration) {
+  Peer &ipm0 = open(840, 0), &ipm1 = open(840, 1), &ospf = open(841), &cli = open(842);
+  rt_client *i0 = rtmClientGetByHandle(0, client(ipm0, {RTM_PROTO_IPM, 0}));
+  rt_client *i1 = rtmClientGetByHandle(0, client(ipm1, {RTM_PROTO_IPM, 1}));
+  client(ospf, {RTM_PROTO_OSPF});
+  struct Step {
+    const char *what;
+    uint32_t cmd, small, ipm1TakesBgp;
+    uint32_t state, ipm0, ipm1;
+    const char *line, *synced;
+  } steps[] = {
+      {"filter", 16, 0, 1, 2, 2, 2, "ip fib download-igp-only", "ip fib download-igp-only"},
+      {"the small form", 16, 1, 1, 3, 3, 3, "ip fib download-igp-only small-fib", "ip fib download-igp-only small-fib"},
+      {"lifted", 17, 0, 1, 1, 1, 1, "", "no ip fib download-igp-only"},
+      {"filter, IPM 1 kept from BGP", 16, 0, 0, 2, 2, 1, "ip fib download-igp-only", "ip fib download-igp-only"},
+      {"lifted, IPM 1 kept from BGP", 17, 0, 0, 1, 1, 2, "", "no ip fib download-igp-only"},
+      {"an unknown command", 99, 0, 0, 1, 1, 2, "", "no ip fib download-igp-only"},
+  };
+  for (const Step &s : steps) {
+    SCOPED_TRACE(s.what);
+    rtmDownloadBgpRoutesToIpm1[0] = s.ipm1TakesBgp;
+    i0->rtc_filterState = 1;  // caught up and unfiltered: a member of the group
+    rtmRemoveClientFromList(&regularClients[0], i0);
+    if (!rtmClientOnList(&superClients[0], i0)) rtmAddClientToList(&superClients[0], i0);
+    qorLogClearRecent();
+    Msg m = nm(MT_RTM_FILTER_FLAG, 92);
+    st32(m.data(), RTM_FILTER_OFF_CMD, s.cmd);
+    st32(m.data(), RTM_FILTER_OFF_SMALL, s.small);
+    send(cli, m);
+    std::vector<Msg> status = ofType(received(cli), MT_NM_CMD);
+    ASSERT_EQ(status.size(), 1u);
+    EXPECT_EQ(ld32(status[0].data(), RTM_NM_OFF_STATUS), 0u);
+    EXPECT_EQ(rtmCurrentFilterState, s.state);
+    EXPECT_EQ(i0->rtc_filterState, s.ipm0);
+    EXPECT_EQ(i1->rtc_filterState, s.ipm1);
+    EXPECT_EQ(rtmClientOnList(&superClients[0], i0), s.ipm0 == 1);
+    EXPECT_EQ(cfgText(0), s.line);
+    EXPECT_EQ(lastSynced(), s.synced);
+    EXPECT_EQ(qorLogCount(0x148004), s.cmd == 99 ? 1u : 0u);
+    // VRF 0 is served afresh under the new rule: the protocols are asked for their routes.
+    EXPECT_EQ(ofType(received(ospf), MT_RTM_CLR_ROUTE).size(), 1u);
+  }
+}
+
+TEST_F(Flush, BgpRoutesToIpmInstanceOne) {
+  Peer &ipm1 = open(850, 1), &bgp = open(851), &ospf = open(852), &cli = open(853);
+  rt_client *i1 = rtmClientGetByHandle(0, client(ipm1, {RTM_PROTO_IPM, 1}));
+  const uint32_t b = client(bgp, {RTM_PROTO_BGP}), o = client(ospf, {RTM_PROTO_OSPF});
+  ASSERT_EQ(add(b, route(0, RTM_PROTO_BGP, "10.1.0.0", 0, 20)), RTM_SUCCESS);
+  ASSERT_EQ(add(o, route(0, RTM_PROTO_OSPF, "10.2.0.0")), RTM_SUCCESS);
+  struct Step {
+    uint32_t af, value;
+    uint32_t flag, ipm1State;
+    uint8_t key;
+    const char *line, *synced;
+    bool bgpMoves;
+  } steps[] = {
+      {0, 0, 0, 2, 0x80, "no ip route-download bgp-to-ipm1-enable", "no ip route-download bgp-to-ipm1-enable", true},
+      {0, 0, 0, 2, 0x80, "no ip route-download bgp-to-ipm1-enable", "no ip route-download bgp-to-ipm1-enable", false},
+      {0, 1, 1, 1, 0x80, "", "ip route-download bgp-to-ipm1-enable", true},
+      {1, 1, 1, 1, 0x82, "ipv6 route-download bgp-to-ipm1-enable", "ipv6 route-download bgp-to-ipm1-enable", false},
+  };
+  for (const Step &s : steps) {
+    SCOPED_TRACE(std::to_string(s.af) + "/" + std::to_string(s.value));
+    const uint64_t vb = rtmh_version(head(0, "10.1.0.0")), vo = rtmh_version(head(0, "10.2.0.0"));
+    Msg m = nm(MT_RTM_REDNLD_BGP_IPM1, RTM_REDNLD_OFF_AFINDEX + 4);
+    st32(m.data(), RTM_REDNLD_OFF_VALUE, s.value);
+    st32(m.data(), RTM_REDNLD_OFF_AFINDEX, s.af);
+    send(cli, m);
+    EXPECT_EQ(ld32(ofType(received(cli), MT_NM_CMD).at(0).data(), RTM_NM_OFF_STATUS), 0u);
+    EXPECT_EQ(rtmDownloadBgpRoutesToIpm1[s.af ? 2 : 0], s.flag);
+    EXPECT_EQ(i1->rtc_filterState, s.ipm1State);
+    EXPECT_EQ(cfgText(s.key), s.line);
+    EXPECT_EQ(lastSynced(), s.synced);
+    EXPECT_EQ(rtmh_version(head(0, "10.1.0.0")) > vb, s.bgpMoves);
+    EXPECT_EQ(rtmh_version(head(0, "10.2.0.0")), vo);
+  }
+}
+
+TEST_F(Flush, AVrfGoingAwayTakesItsRoutesAndNextHops) {
+  makeVrf(kVrf);
+  Peer &p = open(860);
+  const uint32_t o = client(p, everyVrf(RTM_PROTO_OSPF, 0));
+  ASSERT_EQ(add(o, route(0, RTM_PROTO_OSPF, "10.1.0.0")), RTM_SUCCESS);
+  ASSERT_EQ(add(o, route(0, RTM_PROTO_OSPF, "10.1.0.0", kVrf)), RTM_SUCCESS);
+  rtmFlushAllVrfRoutes(kVrf);
+  EXPECT_FALSE(routed(0, "10.1.0.0", kVrf));
+  EXPECT_TRUE(routed(0, "10.1.0.0"));
+  EXPECT_EQ(rtmNhCount(kVrf, 0), 0u);
+  EXPECT_EQ(rtmNhCount(0, 0), 1u);
+}
+
+}  // namespace
