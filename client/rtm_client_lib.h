@@ -433,6 +433,15 @@ class ProtoClient {
   std::vector<uint8_t> rx_;
 };
 
+// MT_RTM_CLEAR_FIB (0x3240, plain, answered with mstatus 0): have rtmd send a download client's
+// table of a VRF afresh, after the same marker that opens a fresh download. The handle at 60, the
+// VRF at 124, the family byte at 160. Returns CLEAR_FIB_MSG_LEN, or 0 when cap is too small.
+constexpr size_t CLEAR_FIB_OFF_CID = 60;
+constexpr size_t CLEAR_FIB_OFF_VRFID = 124;
+constexpr size_t CLEAR_FIB_OFF_AFINDEX = 160;
+constexpr uint32_t CLEAR_FIB_MSG_LEN = 161;
+size_t encodeClearFib(uint32_t cid, uint8_t afIndex, uint32_t vrfId, uint8_t *buf, size_t cap);
+
 // ---- Download clients view ------------------------------------------------------------------
 
 struct DnldClientRow {
@@ -571,6 +580,9 @@ class FibAgent {
   int key() const { return key_; }
   uint8_t afIndex() const { return opts_.afIndex; }
   bool withholding() const { return stats_.messages >= opts_.noAckAfter; }
+  // Options::noAckAfter, changed on the way: stats().messages stops taking now, UINT64_MAX
+  // takes everything again.
+  void setNoAckAfter(uint64_t n) { opts_.noAckAfter = n; }
 
   size_t routeCount() const { return table_.size(); }
   size_t nextHopCount() const { return nexthops_.size(); }
@@ -593,6 +605,7 @@ class FibAgent {
   struct SeqSlot {
     uint32_t queue;
     uint32_t expected;
+    bool mayRestart;  // we asked for a download since the last message taken in order
   };
   int fail(const std::string &what);
   int sendCntrl(uint32_t action, uint32_t vrfId);

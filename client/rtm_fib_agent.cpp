@@ -9,8 +9,9 @@
 //
 // The table is what the commands say, nothing more: an add puts the prefix's route in place
 // whole (there is no separate replace), a delete takes it out. The download-begins marker that
-// rtmd queues ahead of a fresh walk empties the VRF's table of this family, since that walk
-// sends every active route again and says nothing of prefixes it does not hold.
+// rtmd queues ahead of a fresh walk (asked for, or after a clear of the FIB) empties the VRF's
+// table of this family, every VRF's for 65535, since that walk sends every active route again
+// and says nothing of prefixes the agent should no longer hold.
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -161,7 +162,10 @@ int FibAgent::sendCntrl(uint32_t action, uint32_t vrfId) {
   }
 }
 
-int FibAgent::startDownload(uint32_t vrfId) { return sendCntrl(RTM_CNTRL_START_DNLD, vrfId); }
+int FibAgent::startDownload(uint32_t vrfId) {
+  for (SeqSlot &s : seq_) s.mayRestart = true;
+  return sendCntrl(RTM_CNTRL_START_DNLD, vrfId);
+}
 int FibAgent::stopDownload(uint32_t vrfId) { return sendCntrl(RTM_CNTRL_STOP_DNLD, vrfId); }
 
 int FibAgent::waitIdle(int timeoutMs) {
@@ -241,9 +245,12 @@ void FibAgent::handle(const uint8_t *msg, size_t len) {
   if (opts_.ackDelayMs > 0) std::this_thread::sleep_for(std::chrono::milliseconds(opts_.ackDelayMs));
   const uint32_t handle = ld32(msg, SWP_OFF_QUEUE);
   auto slot = std::find_if(seq_.begin(), seq_.end(), [handle](const SeqSlot &s) { return s.queue == handle; });
+  const uint32_t seq = ld32(msg, SWP_OFF_SEQ);
   if (slot == seq_.end()) {
-    seq_.push_back({handle, ld32(msg, SWP_OFF_SEQ)});
+    seq_.push_back({handle, seq, false});
     slot = seq_.end() - 1;
+  } else if (slot->mayRestart && seq == 1) {
+    slot->expected = 1;
   }
   const int rc = qorSwpCkSeqAndAck(msg, &slot->expected, Key_getReqQueue(key_));
   if (rc == QOR_SWP_SEQ_REPEAT) {
@@ -254,6 +261,7 @@ void FibAgent::handle(const uint8_t *msg, size_t len) {
     ++stats_.gaps;  // rtmd sends it again, after the one we missed
     return;
   }
+  slot->mayRestart = false;
   ++stats_.messages;
   take(msg, len);
   if (hook_) hook_(mtype, msg, len);
@@ -273,7 +281,7 @@ void FibAgent::take(const uint8_t *msg, size_t len) {
       DnldCntrl c;
       if (int rc = decodeDnldCntrl(msg, len, &c)) return malformed(mtype, rc);
       ++stats_.cntrlMsgs;
-      if (c.action == RTM_CNTRL_DNLD_BEGINS && c.vrfId < MAX_VRF)
+      if (c.action == RTM_CNTRL_DNLD_BEGINS && (c.vrfId < MAX_VRF || c.vrfId == ALL_VRF_ID))
         freshStart(c.afIndex <= IPV4MUL_AFINDEX ? RTM_IPV4UNI_AFINDEX : RTM_IPV6UNI_AFINDEX, c.vrfId);
       return;
     }
@@ -338,7 +346,8 @@ void FibAgent::applyNextHops(const uint8_t *msg, size_t len) {
 void FibAgent::freshStart(uint8_t afIndex, uint32_t vrfId) {
   ++stats_.freshStarts;
   for (auto it = table_.begin(); it != table_.end();)
-    it = (it->first.vrfId == vrfId && it->first.afIndex == afIndex) ? table_.erase(it) : std::next(it);
+    it = ((it->first.vrfId == vrfId || vrfId == ALL_VRF_ID) && it->first.afIndex == afIndex) ? table_.erase(it)
+                                                                                               : std::next(it);
 }
 
 const FibRoute *FibAgent::find(const FibPrefix &p) const {

@@ -181,6 +181,17 @@ int decodeDnldCntrl(const uint8_t *msg, size_t len, DnldCntrl *out) {
   return RTM_WIRE_OK;
 }
 
+size_t encodeClearFib(uint32_t cid, uint8_t afIndex, uint32_t vrfId, uint8_t *buf, size_t cap) {
+  if (!buf || cap < CLEAR_FIB_MSG_LEN) return 0;
+  memset(buf, 0, CLEAR_FIB_MSG_LEN);
+  st32(buf, IPC_OFF_MLEN, CLEAR_FIB_MSG_LEN);
+  st32(buf, IPC_OFF_MTYPE, MT_RTM_CLEAR_FIB);
+  st32(buf, CLEAR_FIB_OFF_CID, cid);
+  st32(buf, CLEAR_FIB_OFF_VRFID, vrfId);
+  st8(buf, CLEAR_FIB_OFF_AFINDEX, afIndex);
+  return CLEAR_FIB_MSG_LEN;
+}
+
 const DnldClientRow *DnldClientsReply::find(uint32_t proto, uint32_t instance) const {
   for (const DnldClientRow &r : rows)
     if (r.proto == proto && r.instance == instance) return &r;

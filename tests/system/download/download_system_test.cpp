@@ -181,6 +181,33 @@ class DownloadSystem : public ::testing::Test {
         if (!a->withholding())
           ADD_FAILURE() << "agent holds " << a->routeCount() << " routes\n" << firstDifferences(want, a->dump());
   }
+  // Adds (or withdraws) BGP routes 11.i.j.0/24 for indices [first, first + count) through c,
+  // one next hop each, and keeps the model in step.
+  void feed(ProtoClient &c, Model &m, uint32_t first, uint32_t count, bool add) {
+    NextHop nh;
+    ASSERT_TRUE(parseAddr(0, "192.0.2.1", nh.addr));
+    nh.ifindex = 4;
+    Route r;
+    r.proto = RTM_PROTO_BGP;
+    r.pref = 20;
+    r.subtype = defaultSubtype(RTM_PROTO_BGP);
+    r.metric = 5;
+    r.prefixLen = 24;
+    r.nh = &nh;
+    r.nnh = 1;
+    for (uint32_t i = first; i < first + count; ++i) {
+      r.prefix[0] = 11, r.prefix[1] = static_cast<uint8_t>(i >> 8), r.prefix[2] = static_cast<uint8_t>(i);
+      std::vector<uint8_t> key(r.prefix, r.prefix + 4);
+      key.push_back(24);
+      if (add) {
+        ASSERT_EQ(c.add(r), 0) << c.lastError();
+        m.routes[0][key] = ModelRoute{5, false, {nh}, {}};
+      } else {
+        ASSERT_EQ(c.del(r), 0) << c.lastError();
+        m.routes[0].erase(key);
+      }
+    }
+  }
   DnldClientsReply view(uint8_t af) {
     DnldClientsReply r;
     EXPECT_EQ(queryDnldClients(probe, af, 0, &r, 5000, 2), 0) << strerror(errno);
@@ -322,5 +349,122 @@ TEST_P(RandomSequences, AgentsHoldExactlyTheActiveRoutes) {
 
 INSTANTIATE_TEST_SUITE_P(Families, RandomSequences, ::testing::Values(RTM_IPV4UNI_AFINDEX, RTM_IPV6UNI_AFINDEX),
                          [](const auto &info) { return info.param == RTM_IPV4UNI_AFINDEX ? "IPv4" : "IPv6"; });
+
+// ---- Pacing, failure, restart and clear ---------------------------------------------------------
+
+TEST_F(DownloadSystem, AStuckAgentHoldsBackItsGroupUntilItIsFailedThenTheOtherGoesOn) {
+  FibAgent &fast = addAgent(RTM_IPV4UNI_AFINDEX, 1);
+  FibAgent &stuck = addAgent(RTM_IPV4UNI_AFINDEX, 2);
+  ProtoClient &bgp = addProto(RTM_IPV4UNI_AFINDEX, RTM_PROTO_BGP, 1, 310);
+  Model m;
+  feed(bgp, m, 0, 1000, true);
+  settleProtos();
+  expectAgentsHold(m.expectedDump());
+  ASSERT_TRUE(pumpUntil([&] { return view(0).superMembers == 2; }, 10000)) << "both caught up: one group";
+
+  // The stuck agent takes nothing more. The group's walk waits on its queue, the largest, so
+  // once that is past the high mark the fast agent gets nothing either.
+  stuck.setNoAckAfter(stuck.stats().messages);
+  constexpr uint32_t kMore = 60000;  // some 480 messages: far more than a queue takes
+  feed(bgp, m, 1000, kMore, true);
+  settleProtos();
+  ASSERT_TRUE(pumpUntil(
+      [&] {
+        DnldClientsReply v = view(0);
+        const DnldClientRow *s = v.find(RTM_PROTO_FIB, 2), *f = v.find(RTM_PROTO_FIB, 1);
+        return s && f && s->queueLen > 200 && f->queueLen == 0;
+      },
+      30000));
+  const size_t held = fast.routeCount();
+  EXPECT_LT(held, 1000 + kMore) << "the fast agent is paced by its group";
+  EXPECT_GT(held, 1000u);
+
+  // rtmd gives the stuck agent up (its queue fails after some 23 s without progress), takes it
+  // out of the group, and the fast one gets the rest.
+  ASSERT_TRUE(pumpUntil([&] { return view(0).find(RTM_PROTO_FIB, 2)->dnldState == 255; }, 45000))
+      << "the stuck agent's queue must fail";
+  expectAgentsHold(m.expectedDump());
+  DnldClientsReply v = view(0);
+  EXPECT_EQ(v.find(RTM_PROTO_FIB, 2)->list, RTM_DC_LIST_REGULAR);
+  EXPECT_EQ(v.find(RTM_PROTO_FIB, 2)->failures, 1u);
+  EXPECT_EQ(v.find(RTM_PROTO_FIB, 1)->dnldState, 0xFFFFFF00u);
+  EXPECT_EQ(fast.stats().malformed, 0u);
+
+  // The stuck agent recovers and asks again: rtmd starts its queue over and sends it all.
+  stuck.setNoAckAfter(UINT64_MAX);
+  ASSERT_EQ(stuck.startDownload(0), 0) << stuck.lastError();
+  expectAgentsHold(m.expectedDump());
+  EXPECT_EQ(view(0).find(RTM_PROTO_FIB, 2)->dnldState, 0xFFFFFF00u);
+}
+
+TEST_F(DownloadSystem, AnAgentThatComesBackIsGivenTheWholeTable) {
+  addAgent(RTM_IPV4UNI_AFINDEX, 1);
+  ProtoClient &bgp = addProto(RTM_IPV4UNI_AFINDEX, RTM_PROTO_BGP, 1, 310);
+  Model m;
+  feed(bgp, m, 0, 2000, true);
+  settleProtos();
+  const std::string dump = dir.path() + "/slot3.txt";
+  auto runFib = [&](uint64_t expect) {
+    Process p(builtBinary("tools/rtm-fib/rtm-fib"),
+              {"--run-dir", dir.path(), "--slot", "3", "--expect", std::to_string(expect), "--timeout", "30",
+               "--dump", dump, "--no-deregister", "--quiet"});
+    // The agent is in another process: pump ours meanwhile so that rtmd's group keeps moving.
+    EXPECT_TRUE(pumpUntil([&] { return !p.running(); }, 40000));
+    return p.stop(0, 1000);
+  };
+  // The agent of slot 3 takes the table and ends without leaving, as a card that failed.
+  ASSERT_EQ(runFib(2000), 0);
+  EXPECT_EQ(readFile(dump), m.expectedDump());
+
+  // Meanwhile the table changes: it must not be given just the changes when it comes back.
+  feed(bgp, m, 0, 500, false);
+  feed(bgp, m, 5000, 300, true);
+  settleProtos();
+  ASSERT_EQ(runFib(1800), 0);
+  EXPECT_EQ(readFile(dump), m.expectedDump());
+  expectAgentsHold(m.expectedDump());
+}
+
+TEST_F(DownloadSystem, AClearedFibIsSentAgainAfterItsMarker) {
+  FibAgent &a = addAgent(RTM_IPV6UNI_AFINDEX, 1);
+  FibAgent &b = addAgent(RTM_IPV6UNI_AFINDEX, 2);
+  ProtoClient &bgp = addProto(RTM_IPV6UNI_AFINDEX, RTM_PROTO_BGP, 1, 310);
+  Model m;
+  m.af = RTM_IPV6UNI_AFINDEX;
+  NextHop nh;
+  ASSERT_TRUE(parseAddr(2, "2001:db8::1", nh.addr));
+  nh.ifindex = 2;
+  for (uint32_t i = 0; i < 1500; ++i) {
+    Route r;
+    r.afIndex = RTM_IPV6UNI_AFINDEX;
+    r.proto = RTM_PROTO_BGP;
+    r.pref = 20;
+    r.subtype = defaultSubtype(RTM_PROTO_BGP);
+    r.prefixLen = 64;
+    r.prefix[0] = 0x20, r.prefix[1] = 0x01, r.prefix[2] = 0x0d, r.prefix[3] = 0xb8;
+    r.prefix[6] = static_cast<uint8_t>(i >> 8), r.prefix[7] = static_cast<uint8_t>(i);
+    r.nh = &nh;
+    r.nnh = 1;
+    ASSERT_EQ(bgp.add(r), 0) << bgp.lastError();
+    std::vector<uint8_t> key(r.prefix, r.prefix + 16);
+    key.push_back(64);
+    m.routes[0][key] = ModelRoute{0, false, {nh}, {}};
+  }
+  settleProtos();
+  expectAgentsHold(m.expectedDump());
+  const uint64_t aStarts = a.stats().freshStarts, bStarts = b.stats().freshStarts;
+  const uint64_t aAdds = a.stats().adds, bAdds = b.stats().adds;
+
+  uint8_t req[CLEAR_FIB_MSG_LEN], reply[RTM_IPC_BUF_SIZE];
+  encodeClearFib(a.cid(), RTM_IPV6UNI_AFINDEX, 0, req, sizeof req);
+  ASSERT_TRUE(addressMessage(req, Key_getRspQueue(probe), RTM_SVCE, 0));
+  ASSERT_EQ(qorIpcSendWaitWithRetry(probe, req, reply, sizeof req, sizeof reply, 2, MT_RTM_CLEAR_FIB, 2000, 0), 0);
+  EXPECT_EQ(rtm::ld32(reply, IPC_OFF_MSTATUS), 0u);
+  ASSERT_TRUE(pumpUntil([&] { return a.stats().adds >= aAdds + 1500; }, 20000)) << "the whole table, again";
+  expectAgentsHold(m.expectedDump());
+  EXPECT_EQ(a.stats().freshStarts, aStarts + 1);
+  EXPECT_EQ(b.stats().freshStarts, bStarts) << "the other agent is not touched";
+  EXPECT_EQ(b.stats().adds, bAdds);
+}
 
 }  // namespace
