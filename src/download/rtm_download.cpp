@@ -170,8 +170,8 @@ void runRegular(uint32_t vrfId, uint8_t afIndex, qor_radix_tree *tree) {
     g_pass.pLocalBuf[afIndex] = nullptr;
     WalkCtx ctx{rtc, &g_pass.pLocalBuf[afIndex], tree, &afIndex, &vrfId};
     int stopped = 0;
-    qorRadicalWalkChangeList(tree, &rvi->rvi_walker, rtmDownloadWalkCB, 0, walkBudget(), snapshot, &rtmThreads,
-                             &stopped, &ctx);
+    const int visited = qorRadicalWalkChangeList(tree, &rvi->rvi_walker, rtmDownloadWalkCB, 0, walkBudget(), snapshot,
+                                                 &rtmThreads, &stopped, &ctx);
     if (afIndex == RTM_IPV4UNI_AFINDEX) rtmNhDownloadFromFifo(RTM_IPV4UNI_AFINDEX, vrfId);
     if (!stopped) rvi->rvi_version = rvi->rvi_walker.walker_version;
     rvi->rvi_ruleFlags[0] &= uint8_t(~RVI_DNLD_NEW);
@@ -179,7 +179,8 @@ void runRegular(uint32_t vrfId, uint8_t afIndex, qor_radix_tree *tree) {
     if (rtc->rtc_qState != 1) g_pass.allCongested[afIndex] = 0;
     const bool restart = restartAsked(vrfId, afIndex);
     flushOpen(afIndex, rtc, vrfId);
-    if (stopped && !restart && rtc->rtc_dnldState != RTC_Q_STOPPED && qorSwpQueueGetLen(rtc->rtc_dnldQ) <= 0)
+    if (stopped && visited > 0 && !restart && rtc->rtc_dnldState != RTC_Q_STOPPED &&
+        qorSwpQueueGetLen(rtc->rtc_dnldQ) <= 0)
       g_pass.regularStranded = true;
     // On a restart the same client comes round again and meets the flag first.
     if (!restart) node = qorDLLGetNext(node);
@@ -555,6 +556,9 @@ void rtmClearDownloadThread(uint32_t vrfId, uint8_t afIndex) {
     while (rtmThreads > 0 && qorThreadIsSuspended(rtmThreads, rtmThreadRteDn) == 0)
       if (qorThreadYield(rtmThreads) < 0) break;
   }
+  // A thread that was resting never saw the flag: what its walks would have reset is reset here.
+  curDnldThrMaxTreeVer[vrfId][afIndex] = superMaxTreeVer[vrfId][afIndex] = 0;
+  if (rt_client *dummy = dummySuperClient[afIndex]; dummy && dummy->rtc_vrf[vrfId]) dummy->rtc_vrf[vrfId]->rvi_version = 0;
   rtmDnldRestart[vrfId][afIndex] = 0;
 }
 
