@@ -74,19 +74,18 @@ class Flush : public RtmdTest {
     st32(m.data(), RTM_NM_OFF_SUBCODE, sub);
     return m;
   }
-  static Msg clearRecord(uint8_t af, uint32_t all, const char *prefix = nullptr, uint32_t vrf = 0) {
+  // The CLI's clear of VRF 0 of IPv4: every route, or one /16.
+  static Msg clearRecord(uint32_t all, const uint8_t (&prefix)[4] = {}) {
     Msg m = nm(MT_RTM_CLEAR_ROUTES, RTM_NM_OFF_DATA + RTM_CLR_REC_LEN);
     uint8_t *rec = m.data() + RTM_NM_OFF_DATA;
     st32(rec, RTM_CLR_REC_OFF_ALL, all);
-    rec[RTM_CLR_REC_OFF_AFINDEX] = af;
-    if (prefix) EXPECT_EQ(rtmAF_AddrParse(af, prefix, rec + RTM_CLR_REC_OFF_PREFIX), 0);
-    rec[RTM_CLR_REC_OFF_PLEN] = af ? 48 : 16;
-    st32(rec, RTM_CLR_REC_OFF_VRFID, vrf);
+    memcpy(rec + RTM_CLR_REC_OFF_PREFIX, prefix, 4);
+    rec[RTM_CLR_REC_OFF_PLEN] = 16;
     return m;
   }
-  // A protocol's answer to a clear.
-  Msg answer(uint32_t cid, uint8_t af, uint32_t key, uint32_t all) {
-    Msg m = message(af ? MT_RTM6_CLR_ROUTE : MT_RTM_CLR_ROUTE, RTM_CLR_MSG_LEN);
+  // An IPv4 protocol's answer to a clear.
+  static Msg answer(uint32_t cid, uint32_t key, uint32_t all) {
+    Msg m = message(MT_RTM_CLR_ROUTE, RTM_CLR_MSG_LEN);
     st32(m.data(), RTM_CLR_OFF_CID, cid);
     st32(m.data(), RTM_CLR_OFF_ALL, all);
     st32(m.data(), RTM_CLR_OFF_KEY, key);
@@ -144,8 +143,12 @@ TEST_F(Flush, AFlushTakesTheClientsOwnRoutesOfItsFamilyAndVrf) {
     EXPECT_TRUE(routed(0, "10.2.0.0"));  // another client's
     std::vector<Msg> replies = ofType(received(p), c.mtype);
     ASSERT_EQ(replies.size(), c.reply ? 1u : 0u);
-    if (c.reply) EXPECT_EQ(ld32(replies[0].data(), IPC_OFF_MSTATUS), 0u);
-    if (c.cid == 40) EXPECT_EQ(qorLogCount(0x148019), 1u);
+    if (c.reply) {
+      EXPECT_EQ(ld32(replies[0].data(), IPC_OFF_MSTATUS), 0u);
+    }
+    if (c.cid == 40) {
+      EXPECT_EQ(qorLogCount(0x148019), 1u);
+    }
   }
 }
 
@@ -154,7 +157,7 @@ TEST_F(Flush, AClearBlocksEachProtocolUntilItAnswersWithTheKey) {
   const uint32_t ospf = client(p, {RTM_PROTO_OSPF}), rip = client(q, {RTM_PROTO_RIP});
   ASSERT_EQ(add(ospf, route(0, RTM_PROTO_OSPF, "10.1.0.0")), RTM_SUCCESS);
   ASSERT_EQ(add(rip, route(0, RTM_PROTO_RIP, "10.2.0.0", 0, 120)), RTM_SUCCESS);
-  send(cli, clearRecord(0, 1));
+  send(cli, clearRecord(1));
   std::vector<Msg> status = ofType(received(cli), MT_NM_CMD);
   ASSERT_EQ(status.size(), 1u);
   EXPECT_EQ(ld32(status[0].data(), RTM_NM_OFF_STATUS), 0u);
@@ -192,7 +195,7 @@ TEST_F(Flush, AClearBlocksEachProtocolUntilItAnswersWithTheKey) {
     ASSERT_EQ(add(ospf, route(0, RTM_PROTO_OSPF, "10.3.0.0")), RTM_SUCCESS);
     EXPECT_EQ(routed(0, "10.3.0.0"), rvi->rvi_blocked == 0);  // a blocked client's add is dropped
     qorLogClearRecent();
-    sendSeq(p, 0, ospf, answer(ospf, 0, s.key, s.all));
+    sendSeq(p, 0, ospf, answer(ospf, s.key, s.all));
     EXPECT_EQ(rvi->rvi_blocked, s.blockedAfter);
     EXPECT_EQ(qorLogSaw("Stale clear response received from client"), s.stale);
     EXPECT_EQ(qorLogCount(0x14801B), s.unexpected ? 1u : 0u);
@@ -211,7 +214,7 @@ TEST_F(Flush, AClearOfOnePrefixGoesThroughTheOrdinaryDelete) {
   ASSERT_EQ(add(ospf, route(0, RTM_PROTO_OSPF, "10.2.0.0")), RTM_SUCCESS);
   rt_head *h = head(0, "10.1.0.0");
   const uint64_t v = rtmh_version(h);
-  send(cli, clearRecord(0, 0, "10.1.0.0"));
+  send(cli, clearRecord(0, {10, 1, 0, 0}));
   ASSERT_EQ(h->rtmh_rte->rte_cid, st);  // the static route stays, and wins now
   EXPECT_EQ(h->rtmh_rte->rte_next, nullptr);
   EXPECT_GT(rtmh_version(h), v);  // the agents hear of it
