@@ -24,7 +24,7 @@ using namespace qor_radix_detail;
 namespace {
 
 bool registeredOn(const qor_radix_tree *t, const qor_radical_walker *w) {
-  return w->wk_place.rdx_node == &g_walkerMark && w->wk_place.rtmh_version == t->rdl_serial &&
+  return isWalker(&w->wk_place) && w->wk_place.rtmh_version == t->rdl_serial &&
          w->wk_place.rdl_link.rdl_next != nullptr;
 }
 
@@ -131,7 +131,7 @@ int qorRadicalWalkConstructor(qor_radix_tree *tree, qor_radical_walker *walker) 
   } else {
     ++tree->rdl_walkers;
   }
-  walker->wk_place.rdx_node = &g_walkerMark;
+  walker->wk_place.rn_flags = QOR_RADIX_MARK;
   walker->wk_place.rtmh_key = nullptr;
   walker->wk_place.rtmh_version = tree->rdl_serial;  // which tree the place-holder is on
   walker->walker_version = 0;
@@ -143,7 +143,7 @@ int qorRadicalWalkDestructor(qor_radix_tree *tree, qor_radical_walker *walker) {
   if (!tree || !walker) return 1;
   if (!registeredOn(tree, walker)) return 1;
   listUnlink(&walker->wk_place);
-  walker->wk_place.rdx_node = nullptr;
+  walker->wk_place.rn_flags = 0;
   walker->wk_place.rtmh_version = 0;
   --tree->rdl_walkers;
   return 0;

@@ -1,9 +1,10 @@
 // The radix tree: a path-compressed binary trie of prefixes.
 //
 // Shape. Every node stands for one prefix, its first rn_bit bits; a child extends its parent's
-// prefix and sits on the side of the key bit at position rn_bit. A node holds a head when its
-// prefix is in the tree; otherwise it is internal and has two children (it exists only because
-// two subtrees diverge there), so a tree of N heads has fewer than 2N nodes.
+// prefix and sits on the side of the key bit at position rn_bit. A head is the node of its own
+// prefix (its header is the node); any other node is internal and has two children (it exists
+// only because two subtrees diverge there), so a tree of N heads has fewer than N internal
+// nodes, and the internal ones are all the tree allocates.
 //
 // Lookups go down testing one bit per node without looking at keys, remember the nodes with
 // heads they passed, and compare the key once, against the deepest node reached: the first
@@ -21,9 +22,10 @@
 // kept up to date by the few places that change the shape (a new node, a node that leaves) and
 // by the short prefixes, which fill ranges of blocks.
 //
-// Node memory comes from the tree's allocator, which may fail: an insert takes its one or two
-// nodes before touching the tree, so a failure leaves the tree as it was. Remove never
-// allocates.
+// Node memory comes from the tree's allocator, which may fail: an insert takes the one node it
+// may need before touching the tree, so a failure leaves the tree as it was. Remove never
+// allocates: a head with two children leaves an internal node in its place, and the tree keeps
+// a spare for each such head (rdx_fullHeads), taken by the insert that gave it the second.
 #include "radix/qor_radix.h"
 
 #include <algorithm>
@@ -41,10 +43,6 @@
 
 using namespace qor_radix_detail;
 
-namespace qor_radix_detail {
-qor_radix_node g_walkerMark{};
-qor_radix_node g_anchorMark{};
-}  // namespace qor_radix_detail
 
 // Direct table on the first `bits` bits of the key. A slot holds the block's topmost node, or,
 // with bit 0 set, a node above the block whose prefix covers it (where an insert into the empty
@@ -109,10 +107,12 @@ inline Key headKey(const qor_radix_tree *t, const qor_radix_hdr *h) {
   return loadKey(h->rtmh_key, t->rdx_keyBytes);
 }
 
+inline bool isHead(const qor_radix_node *n) { return !(n->rn_flags & QOR_RADIX_INTERNAL); }
+
 // The key of some head under n: all of them share n's prefix.
 inline Key refKey(const qor_radix_tree *t, const qor_radix_node *n) {
-  while (!n->rn_head) n = n->rn_child[0];
-  return headKey(t, n->rn_head);
+  while (n->rn_flags & QOR_RADIX_INTERNAL) n = n->rn_child[0];
+  return headKey(t, n);
 }
 
 // First bit, below `limit` (<= n->rn_bit), where k differs from n's prefix; limit if none.
@@ -147,42 +147,79 @@ inline uintptr_t hintOf(const qor_radix_node *n) { return n ? reinterpret_cast<u
 
 // ---- Node memory ----
 
-// The nodes an insert may need (two at most), taken from the allocator before the search so
-// that the allocator's own cache misses overlap with the search's. A failed allocation fails
-// the insert only if the node turns out to be needed; what is not used goes back.
+// The internal node an insert may need (a split, or the spare of a head that gets its second
+// child), had before the search so that the allocator's own cache misses overlap with the
+// search's: a surplus spare of the tree if there is one, else a fresh node. One not used goes
+// to the tree's spares, where the next insert finds it. A failed allocation fails the insert
+// only if the node turns out to be needed.
+void pushSpare(qor_radix_tree *t, qor_radix_node *n) {
+  n->rn_child[0] = t->rdx_spare;
+  t->rdx_spare = n;
+  ++t->rdx_spares;
+}
+
 class NodeReserve {
  public:
   explicit NodeReserve(qor_radix_tree *t) : t_(t) {
-    for (void *&m : mem_)
-      if (!(m = t->rdx_alloc(sizeof(qor_radix_node)))) ++t->rdx_allocFails;
+    if (t->rdx_spares > t->rdx_fullHeads) {
+      mem_ = t->rdx_spare;
+      t->rdx_spare = mem_->rn_child[0];
+      --t->rdx_spares;
+    } else if ((mem_ = static_cast<qor_radix_node *>(t->rdx_alloc(QOR_RADIX_NODE_SIZE)))) {
+      t->rdx_nodeBytes += QOR_RADIX_NODE_SIZE;
+    } else {
+      ++t->rdx_allocFails;
+    }
   }
   ~NodeReserve() {
-    for (void *m : mem_)
-      if (m) t_->rdx_free(m);
+    if (mem_) pushSpare(t_, mem_);
   }
-  bool has(unsigned n) const { return (mem_[0] != nullptr) + (mem_[1] != nullptr) >= int(n); }
-  qor_radix_node *take(unsigned bit, uint32_t key32, qor_radix_hdr *head) {
-    void *&m = mem_[0] ? mem_[0] : mem_[1];
-    auto *n = new (m) qor_radix_node{};
-    m = nullptr;
+  bool has() const { return mem_ != nullptr; }
+  // The node, made internal at (bit, key32).
+  qor_radix_node *take(unsigned bit, uint32_t key32) {
+    qor_radix_node *n = mem_;
+    mem_ = nullptr;
+    initInternal(n, bit, key32);
+    ++t_->rdx_nodes;
+    return n;
+  }
+
+  static void initInternal(qor_radix_node *n, unsigned bit, uint32_t key32) {
+    std::memset(static_cast<void *>(n), 0, QOR_RADIX_NODE_SIZE);
     n->rn_bit = uint8_t(bit);
     n->rn_key32 = mask32(key32, bit);
-    n->rn_head = head;
-    n->rn_flags = head ? 0 : QOR_RADIX_INTERNAL;
-    ++t_->rdx_nodes;
-    t_->rdx_nodeBytes += sizeof(qor_radix_node);
-    return n;
+    n->rn_flags = QOR_RADIX_INTERNAL;
   }
 
  private:
   qor_radix_tree *t_;
-  void *mem_[2];
+  qor_radix_node *mem_ = nullptr;
 };
 
+// Spares beyond what is owed (one for each head with two children, and one in hand while the
+// tree is not empty) go back to the allocator.
+void trimSpares(qor_radix_tree *t) {
+  while (t->rdx_spares > t->rdx_fullHeads + (t->rdx_heads ? 1 : 0)) {
+    qor_radix_node *n = t->rdx_spare;
+    t->rdx_spare = n->rn_child[0];
+    --t->rdx_spares;
+    t->rdx_nodeBytes -= QOR_RADIX_NODE_SIZE;
+    t->rdx_free(n);
+  }
+}
+
+// An internal node leaves the tree: to the spares.
 void freeNode(qor_radix_tree *t, qor_radix_node *n) {
   --t->rdx_nodes;
-  t->rdx_nodeBytes -= sizeof(qor_radix_node);
-  t->rdx_free(n);
+  pushSpare(t, n);
+}
+
+// A spare taken for a head that has lost one of its two children's places to a node.
+qor_radix_node *popSpare(qor_radix_tree *t) {
+  qor_radix_node *n = t->rdx_spare;
+  t->rdx_spare = n->rn_child[0];
+  --t->rdx_spares;
+  return n;
 }
 
 // y takes x's place under x's parent.
@@ -196,7 +233,7 @@ inline void replaceInParent(qor_radix_tree *t, qor_radix_node *x, qor_radix_node
 // ---- Order ----
 
 inline qor_radix_node *firstHeadedIn(qor_radix_node *n) {
-  while (n && !n->rn_head) n = n->rn_child[0];  // an internal node always has child 0
+  while (n && !isHead(n)) n = n->rn_child[0];  // an internal node always has child 0
   return n;
 }
 
@@ -308,7 +345,7 @@ inline void accelShortAdd(qor_radix_tree *t, qor_radix_node *n) {
   size_t first = blockOf(a, n->rn_key32), count = size_t(1) << (a->bits - n->rn_bit);
   for (size_t i = first; i < first + count; ++i) {
     qor_radix_hdr *&b = a->shortBest[i];
-    if (!b || b->rdx_node->rn_bit < n->rn_bit) b = n->rn_head;
+    if (!b || b->rn_bit < n->rn_bit) b = n;
   }
 }
 
@@ -317,7 +354,7 @@ inline void accelShortRemove(qor_radix_tree *t, const qor_radix_node *n, qor_rad
   if (!a || n->rn_bit >= a->bits) return;
   size_t first = blockOf(a, n->rn_key32), count = size_t(1) << (a->bits - n->rn_bit);
   for (size_t i = first; i < first + count; ++i)
-    if (a->shortBest[i] == n->rn_head) a->shortBest[i] = repl;
+    if (a->shortBest[i] == n) a->shortBest[i] = repl;
 }
 
 void accelDrop(qor_radix_tree *t) {
@@ -360,7 +397,7 @@ void accelFill(qor_radix_tree *t, QorRadixAccel *a) {
   stack[sp++] = root;
   while (sp) {
     qor_radix_node *y = stack[--sp];
-    if (y->rn_head) accelShortAdd(t, y);  // ancestors come first, so longer prefixes win
+    if (isHead(y)) accelShortAdd(t, y);  // ancestors come first, so longer prefixes win
     const size_t half = rangeCount(a, y) / 2;
     for (unsigned side = 0; side < 2; ++side) {
       const size_t r0 = rangeFirst(a, y) + side * half, r1 = r0 + half;
@@ -423,7 +460,7 @@ inline bool accelUsable(const qor_radix_tree *t, unsigned len) {
 
 qor_radix_hdr *insertHead(qor_radix_tree *t, qor_radix_hdr *head, unsigned len, bool attach) {
   if (!t || !head || !head->rtmh_key || len > t->rdx_keyBits) return nullptr;
-  if (head->rdx_node) return nullptr;  // in a tree already
+  if (head->rn_flags & (QOR_RADIX_LINKED | QOR_RADIX_MARK)) return nullptr;  // in a tree already
   const Key k = maskKey(headKey(t, head), len);
   const uint32_t k32 = top32(k);
   qor_radix_node *n = t->rdx_root;
@@ -436,11 +473,17 @@ qor_radix_hdr *insertHead(qor_radix_tree *t, qor_radix_hdr *head, unsigned len, 
     if (!slotTop(v)) stop = t->rdx_accel->bits;
   }
   NodeReserve nodes(t);
-  qor_radix_node *fresh = nullptr, *split = nullptr;
+  // The head becomes the node of its own prefix.
+  auto link = [&] {
+    head->rn_child[0] = head->rn_child[1] = head->rn_parent = nullptr;
+    head->rn_key32 = k32;
+    head->rn_bit = uint8_t(len);
+    head->rn_flags = QOR_RADIX_LINKED;
+  };
+  qor_radix_node *split = nullptr;
   if (!n) {
-    if (!nodes.has(1)) return nullptr;
-    fresh = nodes.take(len, k32, head);
-    t->rdx_root = fresh;
+    link();
+    t->rdx_root = head;
   } else {
     while (n->rn_bit < stop) {
       qor_radix_node *c = n->rn_child[bitAt(k, n->rn_bit)];
@@ -451,41 +494,51 @@ qor_radix_hdr *insertHead(qor_radix_tree *t, qor_radix_hdr *head, unsigned len, 
     qor_radix_node *x = n;
     while (x->rn_parent && x->rn_parent->rn_bit >= d) x = x->rn_parent;
     if (d == len && x->rn_bit == len) {
-      if (x->rn_head) return attach ? x->rn_head : nullptr;
-      x->rn_head = head;  // an internal node at exactly this prefix takes the head
-      x->rn_flags &= uint8_t(~QOR_RADIX_INTERNAL);
-      fresh = x;
+      if (isHead(x)) return attach ? x : nullptr;
+      // An internal node at exactly this prefix: the head takes its place, and the node becomes
+      // the spare the head now owes, since it joins two subtrees.
+      link();
+      for (qor_radix_node *c : x->rn_child) c->rn_parent = head;
+      head->rn_child[0] = x->rn_child[0];
+      head->rn_child[1] = x->rn_child[1];
+      accelReplaced(t, x, head);
+      replaceInParent(t, x, head);
+      freeNode(t, x);
+      ++t->rdx_fullHeads;
     } else if (d == len) {
       // The new prefix covers x: it goes between x and x's parent.
-      if (!nodes.has(1)) return nullptr;
-      fresh = nodes.take(len, k32, head);
+      link();
       unsigned b = nodeBit(t, x, len);
-      replaceInParent(t, x, fresh);
-      fresh->rn_child[b] = x;
-      x->rn_parent = fresh;
+      replaceInParent(t, x, head);
+      head->rn_child[b] = x;
+      x->rn_parent = head;
     } else if (x->rn_bit == d) {
-      // x's prefix covers the new one and x's slot on its side is empty.
-      if (!nodes.has(1)) return nullptr;
-      fresh = nodes.take(len, k32, head);
-      x->rn_child[bitAt(k, d)] = fresh;
-      fresh->rn_parent = x;
+      // x's prefix covers the new one and x's slot on its side is empty, so x is a head; if
+      // its other side is taken, it now has two children and owes a spare (the reserve's node,
+      // which goes to the spares when `nodes` ends).
+      const bool full = x->rn_child[0] || x->rn_child[1];
+      if (full && !nodes.has()) return nullptr;
+      link();
+      x->rn_child[bitAt(k, d)] = head;
+      head->rn_parent = x;
+      if (full) ++t->rdx_fullHeads;
     } else {
       // The keys part at bit d above x: a new internal node joins x and the new prefix.
-      if (!nodes.has(2)) return nullptr;
-      split = nodes.take(d, k32, nullptr);
-      fresh = nodes.take(len, k32, head);
+      if (!nodes.has()) return nullptr;
+      split = nodes.take(d, k32);
+      link();
       unsigned b = bitAt(k, d);
       replaceInParent(t, x, split);
-      split->rn_child[b] = fresh;
+      split->rn_child[b] = head;
       split->rn_child[b ^ 1] = x;
-      fresh->rn_parent = split;
+      head->rn_parent = split;
       x->rn_parent = split;
       accelNewNode(t, split);
     }
   }
-  head->rdx_node = fresh;
-  accelNewNode(t, fresh);
-  accelShortAdd(t, fresh);
+  ++t->rdx_nodes;
+  accelNewNode(t, head);
+  accelShortAdd(t, head);
   ++t->rdx_heads;
   ++t->rdx_gen;
   if (t->rdx_accel ? t->rdx_heads >= t->rdx_accel->growAt : t->rdx_accelMin && t->rdx_heads >= t->rdx_accelMin)
@@ -517,7 +570,8 @@ qor_radix_tree *qorRadixCreate(const char *name, unsigned keyBits, QorRadixAlloc
 void qorRadixDestroy(qor_radix_tree *tree) {
   if (!tree) return;
   tree->rdx_lock = 0;
-  // Post-order without a stack: cut each child link on the way down, free on the way up.
+  // Post-order without a stack: cut each child link on the way down; on the way up free an
+  // internal node, or unlink a head.
   qor_radix_node *n = tree->rdx_root;
   while (n) {
     if (qor_radix_node *c = n->rn_child[0]) {
@@ -528,10 +582,16 @@ void qorRadixDestroy(qor_radix_tree *tree) {
       n = c1;
     } else {
       qor_radix_node *p = n->rn_parent;
-      freeNode(tree, n);
+      if (isHead(n)) {
+        n->rn_parent = nullptr;
+        n->rn_flags &= uint8_t(~QOR_RADIX_LINKED);
+      } else {
+        tree->rdx_free(n);
+      }
       n = p;
     }
   }
+  while (tree->rdx_spare) tree->rdx_free(popSpare(tree));
   accelDrop(tree);
   std::free(tree);
 }
@@ -545,12 +605,10 @@ qor_radix_hdr *qorRadixAttach(qor_radix_tree *tree, qor_radix_hdr *head, unsigne
 }
 
 int qorRadixRemove(qor_radix_tree *tree, qor_radix_hdr *head) {
-  if (!tree || !head) return 1;
-  qor_radix_node *n = head->rdx_node;
-  if (!n || n == &g_walkerMark || n == &g_anchorMark || n->rn_head != head) return 1;
+  if (!tree || !head || !qorRadixIsLinked(head)) return 1;
 #ifndef NDEBUG
   {
-    const qor_radix_node *r = n;
+    const qor_radix_node *r = head;
     while (r->rn_parent) r = r->rn_parent;
     if (r != tree->rdx_root) {
       QOR_ASSERT(r == tree->rdx_root);  // the head belongs to another tree
@@ -558,35 +616,48 @@ int qorRadixRemove(qor_radix_tree *tree, qor_radix_hdr *head) {
     }
   }
 #endif
+  qor_radix_node *const n = head;
   if (head->rdl_link.rdl_next) listUnlink(head);
   if (tree->rdx_accel && n->rn_bit < tree->rdx_accel->bits) {
-    const qor_radix_node *p = n->rn_parent;
-    while (p && !p->rn_head) p = p->rn_parent;
-    accelShortRemove(tree, n, p ? p->rn_head : nullptr);
+    qor_radix_node *p = n->rn_parent;
+    while (p && !isHead(p)) p = p->rn_parent;
+    accelShortRemove(tree, n, p);
   }
-  head->rdx_node = nullptr;
-  n->rn_head = nullptr;
   --tree->rdx_heads;
   ++tree->rdx_gen;
   if (n->rn_child[0] && n->rn_child[1]) {
-    n->rn_flags |= QOR_RADIX_INTERNAL;  // still joins two subtrees
+    // The place still joins two subtrees: the spare this head owed takes it.
+    qor_radix_node *y = popSpare(tree);
+    --tree->rdx_fullHeads;
+    NodeReserve::initInternal(y, n->rn_bit, n->rn_key32);
+    for (int side = 0; side < 2; ++side) {
+      y->rn_child[side] = n->rn_child[side];
+      y->rn_child[side]->rn_parent = y;
+    }
+    accelReplaced(tree, n, y);
+    replaceInParent(tree, n, y);
   } else if (qor_radix_node *c = n->rn_child[0] ? n->rn_child[0] : n->rn_child[1]) {
     accelReplaced(tree, n, c);
     replaceInParent(tree, n, c);
-    freeNode(tree, n);
+    --tree->rdx_nodes;
   } else {
     qor_radix_node *p = n->rn_parent;
     accelReplaced(tree, n, nullptr);
     replaceInParent(tree, n, nullptr);
-    freeNode(tree, n);
-    if (p && !p->rn_head) {
+    --tree->rdx_nodes;
+    if (p && !isHead(p)) {
       // An internal parent left with one child has no reason to exist.
       qor_radix_node *s = p->rn_child[0] ? p->rn_child[0] : p->rn_child[1];
       accelReplaced(tree, p, s);
       replaceInParent(tree, p, s);
       freeNode(tree, p);
+    } else if (p && (p->rn_child[0] || p->rn_child[1])) {
+      --tree->rdx_fullHeads;  // a head parent had two children: it owes its spare no more
     }
   }
+  head->rn_child[0] = head->rn_child[1] = head->rn_parent = nullptr;
+  head->rn_flags &= uint8_t(~QOR_RADIX_LINKED);
+  trimSpares(tree);
   if (tree->rdx_accel && tree->rdx_heads < tree->rdx_accel->shrinkAt) accelResize(tree);
   return 0;
 }
@@ -597,8 +668,8 @@ qor_radix_hdr *qorRadixGetExact(qor_radix_tree *tree, const void *key, unsigned 
   const qor_radix_node *n = tree->rdx_root;
   if (accelUsable(tree, prefixlen)) n = slotTop(tree->rdx_accel->slot[blockOf(tree->rdx_accel, top32(k))]);
   while (n && n->rn_bit < prefixlen) n = n->rn_child[bitAt(k, n->rn_bit)];
-  if (!n || n->rn_bit != prefixlen || !n->rn_head) return nullptr;
-  return diffNode(tree, k, n, prefixlen) == prefixlen ? n->rn_head : nullptr;
+  if (!n || n->rn_bit != prefixlen || !isHead(n)) return nullptr;
+  return diffNode(tree, k, n, prefixlen) == prefixlen ? const_cast<qor_radix_hdr *>(n) : nullptr;
 }
 
 qor_radix_hdr *qorRadixGetBest(qor_radix_tree *tree, const void *key, unsigned prefixlen) {
@@ -626,14 +697,14 @@ qor_radix_hdr *qorRadixGetBest(qor_radix_tree *tree, const void *key, unsigned p
   // Every passed prefix is a prefix of last's, so those no longer than the match length match.
   const unsigned m = diffNode(tree, k, last, last->rn_bit);
   while (np && passed[np - 1]->rn_bit > m) --np;
-  return np ? passed[np - 1]->rn_head : fallback;
+  return np ? const_cast<qor_radix_hdr *>(passed[np - 1]) : fallback;
 }
 
 qor_radix_hdr *qorRadixGetLessSpecific(qor_radix_tree *tree, const qor_radix_hdr *head) {
-  if (!tree || !head || !head->rdx_node || head->rdx_node->rn_head != head) return nullptr;
-  const qor_radix_node *p = head->rdx_node->rn_parent;
-  while (p && !p->rn_head) p = p->rn_parent;
-  return p ? p->rn_head : nullptr;
+  if (!tree || !head || !qorRadixIsLinked(head)) return nullptr;
+  qor_radix_node *p = head->rn_parent;
+  while (p && !isHead(p)) p = p->rn_parent;
+  return p;
 }
 
 qor_radix_hdr *qorRadixGetNext(qor_radix_tree *tree, const qor_radix_hdr *head) {
@@ -642,24 +713,23 @@ qor_radix_hdr *qorRadixGetNext(qor_radix_tree *tree, const qor_radix_hdr *head) 
   if (!head) {
     n = firstHeadedIn(tree->rdx_root);
   } else {
-    if (!head->rdx_node || head->rdx_node->rn_head != head) return nullptr;
-    n = firstHeadedIn(nextPre(head->rdx_node));
+    if (!qorRadixIsLinked(head)) return nullptr;
+    n = firstHeadedIn(nextPre(head));
   }
-  return n ? n->rn_head : nullptr;
+  return n;
 }
 
 qor_radix_hdr *qorRadixGetNext(qor_radix_tree *tree, const void *key, unsigned prefixlen) {
   if (!tree || !key || prefixlen > tree->rdx_keyBits) return nullptr;
   const Key k = maskKey(loadKey(static_cast<const uint8_t *>(key), tree->rdx_keyBytes), prefixlen);
-  qor_radix_node *n = nextAfterKey(tree, k, prefixlen);
-  return n ? n->rn_head : nullptr;
+  return nextAfterKey(tree, k, prefixlen);
 }
 
 int qorRadixWalk(qor_radix_tree *tree, int order, QorRadixWalkCB cb, int flags, void *arg) {
   if (!tree || !cb) return -1;
   qor_radix_node *n = firstHeadedIn(tree->rdx_root);
   while (n) {
-    qor_radix_hdr *head = n->rn_head;
+    qor_radix_hdr *head = n;
     qor_radix_node *next = firstHeadedIn(nextPre(n));
     const uint64_t gen = tree->rdx_gen;
     const unsigned len = n->rn_bit;

@@ -2,17 +2,21 @@
 //
 // A tree holds records ("heads") keyed by a prefix of 0..keyBits bits (32 for IPv4, 128 for
 // IPv6; the width is a property of the tree and one code path serves all widths). Every
-// record begins with a qor_radix_hdr: the tree links the record through it, finds its key
-// through rtmh_key, and keeps it on the tree's change list through rtmh_version and the list
-// links. The tree allocates only its nodes, through the functions given at creation; it never
-// allocates or frees records.
+// record begins with a qor_radix_hdr: the header is the record's node in the tree, it finds
+// the key through rtmh_key, and it keeps the record on the tree's change list through
+// rtmh_version and the list links. The tree allocates only its internal nodes, through the
+// functions given at creation; it never allocates or frees records.
 //
 // The tree is a path-compressed binary trie. A node stands for one prefix (its first rn_bit
-// bits); it holds a head when that prefix is in the tree, and it is an internal node (no head,
-// flag QOR_RADIX_INTERNAL) only where the keys below it diverge, so an internal node always
-// has two children. Prefixes nest: a node's descendants are exactly the more specific
-// prefixes of its prefix. Lookups test one bit per node going down and compare keys once at
-// the bottom.
+// bits); a head is the node of its own prefix, and an internal node (flag QOR_RADIX_INTERNAL)
+// exists only where the keys below it diverge, so an internal node always has two children
+// and a tree of N heads has fewer than N internal nodes. Prefixes nest: a node's descendants
+// are exactly the more specific prefixes of its prefix. Lookups test one bit per node going
+// down and compare keys once at the bottom.
+//
+// A head with two children cannot leave without an internal node taking its place, and a
+// removal must not fail for want of memory: the tree keeps a spare internal node for every
+// such head, taken when the head gets its second child (an insert, which may fail cleanly).
 //
 // Tree order, used by qorRadixGetNext and qorRadixWalk, is by key, then by length, shorter
 // first: 10.0.0.0/8, 10.0.0.0/16, 10.0.1.0/24, 10.128.0.0/9, 11.0.0.0/8. Only the first
@@ -31,9 +35,12 @@
 #include <cstddef>
 #include <cstdint>
 
-struct qor_radix_node;
-struct qor_radix_tree;
 struct qor_radix_hdr;
+struct qor_radix_tree;
+// A node of the tree is a record's header: the head of a prefix is its own node, and the
+// nodes that only join two subtrees (internal nodes) are the first bytes of a header, taken
+// from the tree's allocator.
+using qor_radix_node = qor_radix_hdr;
 
 // Links of the change list.
 struct qor_radical_link {
@@ -41,30 +48,58 @@ struct qor_radical_link {
   qor_radix_hdr *rdl_prev;
 };
 
-// The first bytes of every record that lives in a tree (40 bytes on 64-bit hosts).
+// Where a record keeps its key: assigned a pointer into the record (behind the header, within
+// 64 KiB of its start), read back as that pointer. It is held as an offset so that the node a
+// search reads stays in 32 bytes.
+class qor_radix_keyref {
+ public:
+  qor_radix_keyref &operator=(const uint8_t *key);
+  operator const uint8_t *() const;
+
+ private:
+  uint16_t rk_off = 0;  // 0: no key
+};
+
+// Node flags.
+constexpr uint8_t QOR_RADIX_LINKED = 0x1;    // a head in a tree
+constexpr uint8_t QOR_RADIX_INTERNAL = 0x2;  // an internal node: holds no head, joins two subtrees
+constexpr uint8_t QOR_RADIX_MARK = 0x4;      // a walker's place-holder on a change list
+
+// The first bytes of every record that lives in a tree (56 bytes on 64-bit hosts). The first
+// 32 are the node: what a search reads, in one cache line more often than not.
 struct qor_radix_hdr {
-  qor_radix_node *rdx_node;      // the node that holds this head; null when not in a tree
-  const uint8_t *rtmh_key;       // the prefix bytes, big-endian; set before qorRadixInsert
-  uint64_t rtmh_version;         // version of the last append to the change list
-  qor_radical_link rdl_link;     // place on the change list
-};
-static_assert(sizeof(void *) != 8 || sizeof(qor_radix_hdr) == 40);
-
-// Node flag: the node holds no head and only joins two subtrees.
-constexpr uint8_t QOR_RADIX_INTERNAL = 0x2;
-
-// A node of the tree (40 bytes on 64-bit hosts). Exposed for walks over nodes; read only.
-// What a search reads of a node comes first, so that it lies in one cache line more often.
-struct qor_radix_node {
-  qor_radix_node *rn_child[2];   // by the key bit at position rn_bit
-  uint32_t rn_key32;             // first 32 bits of the node's prefix, host order, masked
-  uint8_t rn_bit;                // prefix length of the node
-  uint8_t rn_flags;              // QOR_RADIX_INTERNAL
-  uint16_t rn_spare;
+  qor_radix_node *rn_child[2];  // by the key bit at position rn_bit
   qor_radix_node *rn_parent;
-  qor_radix_hdr *rn_head;        // null on an internal node
+  uint32_t rn_key32;            // first 32 bits of the node's prefix, host order, masked
+  uint8_t rn_bit;               // prefix length of the node
+  uint8_t rn_flags;             // QOR_RADIX_LINKED, QOR_RADIX_INTERNAL, QOR_RADIX_MARK
+  qor_radix_keyref rtmh_key;    // the prefix bytes, big-endian; set before qorRadixInsert
+  // Heads only from here: an internal node is just the bytes above.
+  uint64_t rtmh_version;        // version of the last append to the change list
+  qor_radical_link rdl_link;    // place on the change list
 };
-static_assert(sizeof(void *) != 8 || sizeof(qor_radix_node) == 40);
+// Bytes of an internal node: the node part of a header.
+constexpr size_t QOR_RADIX_NODE_SIZE = offsetof(qor_radix_hdr, rtmh_version);
+static_assert(sizeof(void *) != 8 || (sizeof(qor_radix_hdr) == 56 && QOR_RADIX_NODE_SIZE == 32));
+
+// The head a node holds (the node itself), or null for an internal node.
+inline qor_radix_hdr *qorRadixNodeHead(qor_radix_node *n) {
+  return n && !(n->rn_flags & QOR_RADIX_INTERNAL) ? n : nullptr;
+}
+// True while the head is linked in a tree.
+inline bool qorRadixIsLinked(const qor_radix_hdr *h) { return h->rn_flags & QOR_RADIX_LINKED; }
+
+inline qor_radix_keyref &qor_radix_keyref::operator=(const uint8_t *key) {
+  const auto *base = reinterpret_cast<const uint8_t *>(this) - offsetof(qor_radix_hdr, rtmh_key);
+  const ptrdiff_t off = key ? key - base : 0;
+  // A key outside the record's first 64 KiB, or inside its header, cannot be held: no key.
+  rk_off = off >= ptrdiff_t(sizeof(qor_radix_hdr)) && off < 65536 ? uint16_t(off) : 0;
+  return *this;
+}
+inline qor_radix_keyref::operator const uint8_t *() const {
+  const auto *base = reinterpret_cast<const uint8_t *>(this) - offsetof(qor_radix_hdr, rtmh_key);
+  return rk_off ? base + rk_off : nullptr;
+}
 
 using QorRadixAllocFn = void *(*)(size_t);
 using QorRadixFreeFn = void (*)(void *);
@@ -83,8 +118,11 @@ struct qor_radix_tree {
   uint32_t rdx_keyBits;
   uint32_t rdx_keyBytes;
   uint64_t rdx_heads;            // heads in the tree
-  uint64_t rdx_nodes;            // nodes, with the internal ones
-  uint64_t rdx_nodeBytes;        // bytes of nodes taken from the allocator
+  uint64_t rdx_nodes;            // nodes in the tree: the heads and the internal ones
+  uint64_t rdx_nodeBytes;        // bytes of internal nodes taken from the allocator, spares too
+  qor_radix_node *rdx_spare;     // spare internal nodes, linked through rn_child[0]
+  uint64_t rdx_spares;
+  uint64_t rdx_fullHeads;        // heads with two children: each needs a spare to leave
   uint64_t rdx_allocFails;       // node allocations that failed
   uint64_t rdx_gen;              // changes of the tree's shape, so that walks can resync
   uint64_t rdl_epoch;            // restarts of the change list (version wraps)
@@ -116,8 +154,9 @@ constexpr uint32_t QOR_RADIX_ACCEL_MIN = 65536;
 // null). The tree record itself comes from the heap. Null on a bad width or no memory.
 qor_radix_tree *qorRadixCreate(const char *name, unsigned keyBits, QorRadixAllocFn allocFn,
                                QorRadixFreeFn freeFn, int flags);
-// Frees the nodes and the tree; the records and the walkers are not touched and must not be
-// used with the tree again. The lock word is cleared first.
+// Frees the internal nodes and the tree. The heads still in it must be valid memory: they are
+// unlinked (and may go into a tree again); the walkers must not be used with the tree again.
+// The lock word is cleared first.
 void qorRadixDestroy(qor_radix_tree *tree);
 
 // Links `head` under its key and `prefixlen`. Returns head, or null when the prefix is already
@@ -154,8 +193,8 @@ int qorRadixWalk(qor_radix_tree *tree, int order, QorRadixWalkCB cb, int flags, 
 // Returns 0, the callback's non-zero result, or -1 on bad arguments.
 int qorRadixVersionWalk(qor_radix_tree *tree, uint64_t fromVersion, QorRadixWalkCB cb, void *arg);
 
-// Every node, internal ones too, in pre-order (node, child 0 subtree, child 1 subtree).
-// The shape of the tree must not change between the calls.
+// Every node, internal ones too, in pre-order (node, child 0 subtree, child 1 subtree);
+// qorRadixNodeHead tells the heads. The shape of the tree must not change between the calls.
 qor_radix_node *qorRadixNodeFirst(const qor_radix_tree *tree);
 qor_radix_node *qorRadixNodeNext(const qor_radix_node *node);
 
@@ -166,7 +205,7 @@ qor_radix_node *qorRadixNodeNext(const qor_radix_node *node);
 // no-op when the tree has no accelerator or the prefix is shorter than its stride.
 void qorRadixPrefetch(const qor_radix_tree *tree, const void *key, unsigned prefixlen, int stage);
 
-// Bytes the tree takes: nodes, the tree record and the accelerator.
+// Bytes the tree takes: internal nodes (spares too), the tree record and the accelerator.
 size_t qorRadixBytes(const qor_radix_tree *tree);
 
 // ---- The change list ----

@@ -3,18 +3,15 @@
 //
 // The list is circular through the tree's anchor, so a head is on a list exactly when its
 // rdl_next is not null and unlinking needs no special cases. Walkers sit on the list as
-// place-holders; what tells one from a head is the mark in its rdx_node word, which a head
-// never holds (a head's rdx_node is its node or null).
+// place-holders; what tells one from a head is the node flag QOR_RADIX_MARK, which a head
+// never has.
 #pragma once
 
 #include "radix/qor_radix.h"
 
 namespace qor_radix_detail {
 
-extern qor_radix_node g_walkerMark;
-extern qor_radix_node g_anchorMark;
-
-inline bool isWalker(const qor_radix_hdr *e) { return e->rdx_node == &g_walkerMark; }
+inline bool isWalker(const qor_radix_hdr *e) { return e->rn_flags & QOR_RADIX_MARK; }
 
 inline void listUnlink(qor_radix_hdr *e) {
   e->rdl_link.rdl_next->rdl_link.rdl_prev = e->rdl_link.rdl_prev;
@@ -32,7 +29,7 @@ inline void listInsertAfter(qor_radix_hdr *pos, qor_radix_hdr *e) {
 }
 
 inline void listInit(qor_radix_hdr *anchor) {
-  anchor->rdx_node = &g_anchorMark;
+  anchor->rn_flags = 0;
   anchor->rtmh_key = nullptr;
   anchor->rtmh_version = 0;
   anchor->rdl_link.rdl_next = anchor;

@@ -168,7 +168,7 @@ namespace {
 // each consumer, now back at version 0, sees the whole table once more.
 void renumberTree(qor_radix_tree *tree) {
   for (qor_radix_node *n = qorRadixNodeFirst(tree); n; n = qorRadixNodeNext(n))
-    if (n->rn_head && !(n->rn_flags & QOR_RADIX_INTERNAL)) qorRadicalAppendToChangeList(tree, n->rn_head);
+    if (qor_radix_hdr *h = qorRadixNodeHead(n)) qorRadicalAppendToChangeList(tree, h);
 }
 }  // namespace
 

@@ -82,11 +82,13 @@ inline const uint8_t *rtmRteTlv(const rt_entry *rte) {
   return reinterpret_cast<const uint8_t *>(rtmRteNh(rte) + rtmRteNhRoom(rte));
 }
 
-// One prefix of a tree. The radix header comes first, the prefix bytes (4 or 16) last, so an
-// IPv4 head is 72 bytes. What only route leaking needs (the leak maps and the record of a
-// withdrawn export) lives in a side record made on first need: see rtmHeadExtGet.
+// One prefix of a tree. The radix header comes first (it is the head's node in the tree, so a
+// prefix costs the tree nothing more but the internal nodes where prefixes part), the prefix
+// bytes (4 or 16) last: an IPv4 head is 88 bytes. What only route leaking needs (the leak maps
+// and the record of a withdrawn export) lives in a side record made on first need: see
+// rtmHeadExtGet.
 struct rt_head {
-  qor_radix_hdr rtmh_rdx;   // radix link, rtmh_key, rtmh_version, change-list links
+  qor_radix_hdr rtmh_rdx;   // the node, rtmh_key, rtmh_version, change-list links
   struct rt_entry *rtmh_rte;  // the active route first; null on a naked head
   uint64_t rtmh_time;       // tick of the last change of the active route
   uint8_t rtmh_redlist[8];  // by cid: bit (cid & 7) of byte (cid >> 3)
@@ -96,7 +98,7 @@ struct rt_head {
   uint8_t rtmh_bits;        // RTMH_VRRP, RTMH_EXT
   uint8_t rtmh_prefix[];    // masked prefix, 4 or 16 bytes
 };
-static_assert(offsetof(rt_head, rtmh_prefix) == 68 && sizeof(rt_head) == 72);
+static_assert(sizeof(void *) != 8 || (offsetof(rt_head, rtmh_prefix) == 84 && sizeof(rt_head) == 88));
 
 constexpr uint8_t RTMH_VRRP = 0x1;  // a VRRP client has added a route here
 constexpr uint8_t RTMH_EXT = 0x2;   // the head has a side record
@@ -114,7 +116,7 @@ struct rt_head_ext {
 constexpr size_t rtmHeadSize(unsigned afIndex) {
   return (offsetof(rt_head, rtmh_prefix) + rtmAfAddrLen(afIndex) + 7) & ~size_t(7);
 }
-static_assert(rtmHeadSize(0) == 72 && rtmHeadSize(2) == 88);
+static_assert(sizeof(void *) != 8 || (rtmHeadSize(0) == 88 && rtmHeadSize(2) == 104));
 
 inline rt_head *rtmHeadOf(qor_radix_hdr *h) { return reinterpret_cast<rt_head *>(h); }
 inline uint64_t &rtmh_version(rt_head *rth) { return rth->rtmh_rdx.rtmh_version; }

@@ -35,6 +35,8 @@
 
 RTM_POOL_RECORD_EXACT(RTM_MAIN_RIB_HEAD_POOL, rtmHeadSize(RTM_IPV4UNI_AFINDEX));
 RTM_POOL_RECORD_EXACT(RTM6_MAIN_RIB_HEAD_POOL, rtmHeadSize(RTM_IPV6UNI_AFINDEX));
+// The trees' internal nodes are the node part of a header, smaller than the table's block.
+RTM_POOL_RECORD_EXACT(RTM_RIB_RDX_POOL, QOR_RADIX_NODE_SIZE);
 
 namespace {
 

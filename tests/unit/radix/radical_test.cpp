@@ -194,8 +194,8 @@ TEST_F(ChangeList, VersionSpaceWrapRestartsTheList) {
   t->rdx_maxVersion = 100;
   t->rdx_version = 0;
   for (qor_radix_node *n = qorRadixNodeFirst(t); n; n = qorRadixNodeNext(n))
-    if (!(n->rn_flags & QOR_RADIX_INTERNAL)) {
-      EXPECT_EQ(qorRadicalAppendToChangeList(t, n->rn_head), 1);
+    if (qor_radix_hdr *head = qorRadixNodeHead(n)) {
+      EXPECT_EQ(qorRadicalAppendToChangeList(t, head), 1);
     }
   EXPECT_EQ(h('D')->rtmh_version, 4u);
   EXPECT_EQ(walk(w), "ABCDEFGH");
@@ -286,7 +286,7 @@ TEST_P(ChangeListModel, WalkersSeeWhatTheModelPredicts) {
     }
     void remove(qor_radix_hdr *x) {
       drop(x);
-      if (x->rdx_node) {
+      if (qorRadixIsLinked(x)) {
         ASSERT_EQ(qorRadixRemove(t, x), 0);
       } else {
         qorRadicalRemoveFromChangeList(t, x);
@@ -336,7 +336,7 @@ TEST_P(ChangeListModel, WalkersSeeWhatTheModelPredicts) {
       case 0: case 1: ASSERT_NO_FATAL_FAILURE(m.append(x)); break;
       case 2: ASSERT_NO_FATAL_FAILURE(m.remove(x)); break;
       case 3:
-        if (!x->rdx_node) {
+        if (!qorRadixIsLinked(x)) {
           ASSERT_EQ(qorRadixInsert(t, x, 16), x);
         }
         break;

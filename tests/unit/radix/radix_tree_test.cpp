@@ -121,7 +121,7 @@ TEST_F(RadixTree, InsertRefusalsAndAttach) {
   EXPECT_EQ(qorRadixInsert(t, &longer->hdr, 33), nullptr);
   // Find-or-insert: the existing record comes back and the caller's is left alone.
   EXPECT_EQ(qorRadixAttach(t, &dup->hdr, 16), &a->hdr);
-  EXPECT_EQ(dup->hdr.rdx_node, nullptr);
+  EXPECT_FALSE(qorRadixIsLinked(&dup->hdr));
   auto fresh = rec4({10, 2, 0, 0, 16});
   EXPECT_EQ(qorRadixAttach(t, &fresh->hdr, 16), &fresh->hdr);
   EXPECT_EQ(t->rdx_heads, 2u);
@@ -131,18 +131,23 @@ TEST_F(RadixTree, InsertRefusalsAndAttach) {
 
 TEST_F(RadixTree, CountersFollowNodesAndHeads) {
   add({10, 0, 0, 0, 24});
-  EXPECT_EQ(t->rdx_nodes, 1u);
+  EXPECT_EQ(t->rdx_nodes, 1u);  // the head is its own node
   add({10, 0, 1, 0, 24});  // parts from the first at bit 23: one internal node
   EXPECT_EQ(t->rdx_nodes, 3u);
-  add({10, 0, 0, 0, 23});  // takes the internal node's place: no new node
+  EXPECT_EQ(t->rdx_fullHeads, 0u);
+  add({10, 0, 0, 0, 23});  // takes the internal node's place, which it now owes as a spare
   EXPECT_EQ(t->rdx_nodes, 3u);
   EXPECT_EQ(t->rdx_heads, 3u);
-  EXPECT_EQ(t->rdx_nodeBytes, 3 * sizeof(qor_radix_node));
-  EXPECT_EQ(qorRadixBytes(t), sizeof(qor_radix_tree) + 3 * sizeof(qor_radix_node));
-  ASSERT_EQ(qorRadixRemove(t, &recs[2]->hdr), 0);  // the /23 still joins two: becomes internal
+  EXPECT_EQ(t->rdx_fullHeads, 1u);
+  EXPECT_GE(t->rdx_spares, 1u);
+  EXPECT_EQ(t->rdx_nodeBytes, t->rdx_spares * QOR_RADIX_NODE_SIZE);  // no internal node in the tree
+  EXPECT_EQ(qorRadixBytes(t), sizeof(qor_radix_tree) + t->rdx_nodeBytes);
+  ASSERT_EQ(qorRadixRemove(t, &recs[2]->hdr), 0);  // the /23 still joins two: a spare takes its place
   EXPECT_EQ(t->rdx_nodes, 3u);
+  EXPECT_EQ(t->rdx_fullHeads, 0u);
   ASSERT_EQ(qorRadixRemove(t, &recs[0]->hdr), 0);  // the internal node goes with it
   EXPECT_EQ(t->rdx_nodes, 1u);
+  EXPECT_LE(t->rdx_spares, 1u);
 }
 
 // The renumbering walk visits every node in pre-order and takes the heads of those that are
@@ -158,7 +163,7 @@ TEST_F(RadixTree, NodeWalkFindsEveryHeadOnce) {
   uint64_t nodes = 0;
   for (qor_radix_node *n = qorRadixNodeFirst(t); n; n = qorRadixNodeNext(n)) {
     ++nodes;
-    if (!(n->rn_flags & QOR_RADIX_INTERNAL)) heads.push_back(n->rn_head);
+    if (qor_radix_hdr *h = qorRadixNodeHead(n)) heads.push_back(h);
   }
   EXPECT_EQ(nodes, t->rdx_nodes);
   std::vector<qor_radix_hdr *> want;
