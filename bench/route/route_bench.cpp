@@ -209,13 +209,13 @@ void setMemoryCounters(benchmark::State &st, const Memory &m) {
 // ahead. Returns the routes that did not give RTM_SUCCESS.
 template <class Op>
 size_t applyAll(RouteSet &s, Op op) {
-  constexpr size_t kFar = 8, kNear = 4;
+  constexpr size_t kAhead[] = {12, 8, 4};  // by stage, as the handler does
   const size_t n = s.rtps.size();
   size_t bad = 0;
   rtmRibDeferWakeups(true);
   for (size_t i = 0; i < n; ++i) {
-    if (i + kFar < n) rtmRoutePrefetch(RTM_IPV4UNI_AFINDEX, kCid, s.rtps[i + kFar], 0);
-    if (i + kNear < n) rtmRoutePrefetch(RTM_IPV4UNI_AFINDEX, kCid, s.rtps[i + kNear], 1);
+    for (int stage = 0; stage < 3; ++stage)
+      if (i + kAhead[stage] < n) rtmRoutePrefetch(RTM_IPV4UNI_AFINDEX, kCid, s.rtps[i + kAhead[stage]], stage);
     bad += op(RTM_IPV4UNI_AFINDEX, kCid, s.rtps[i]) != RTM_SUCCESS;
   }
   rtmRibDeferWakeups(false);

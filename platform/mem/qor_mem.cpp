@@ -170,8 +170,11 @@ void *rawAlloc(QorMemPool &p, size_t) {
   void *b = p.freeList;
   Chunk *c;
   size_t idx;
+  // The block the next allocation will hand out is fetched now, for writing: its caller
+  // clears or fills it at once, and a table load allocates blocks back to back.
   if (b) {
     p.freeList = *static_cast<void **>(b);
+    if (p.freeList) __builtin_prefetch(p.freeList, 1);
     c = reinterpret_cast<Chunk *>(reinterpret_cast<uintptr_t>(b) & kChunkMask);
     idx = (static_cast<char *>(b) - reinterpret_cast<char *>(c) - p.firstOff) / p.stride;
   } else {
@@ -182,6 +185,10 @@ void *rawAlloc(QorMemPool &p, size_t) {
     }
     idx = c->used++;
     b = reinterpret_cast<char *>(c) + p.firstOff + idx * p.stride;
+    if (c->used < p.perChunk) {
+      __builtin_prefetch(static_cast<char *>(b) + p.stride, 1);
+      __builtin_prefetch(static_cast<char *>(b) + p.stride + p.stride - 1, 1);
+    }
   }
   c->bits()[idx >> 6] |= uint64_t(1) << (idx & 63);
   return b;

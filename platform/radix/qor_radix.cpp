@@ -748,13 +748,23 @@ qor_radix_node *qorRadixNodeNext(const qor_radix_node *node) { return node ? nex
 void qorRadixPrefetch(const qor_radix_tree *tree, const void *key, unsigned prefixlen, int stage) {
   if (!tree || !key || !accelUsable(tree, prefixlen) || prefixlen > tree->rdx_keyBits) return;
   const QorRadixAccel *a = tree->rdx_accel;
-  const uint32_t k32 = top32(loadKey(static_cast<const uint8_t *>(key), tree->rdx_keyBytes));
-  const uintptr_t *slot = &a->slot[blockOf(a, k32)];
+  const Key k = loadKey(static_cast<const uint8_t *>(key), tree->rdx_keyBytes);
+  const uintptr_t *slot = &a->slot[blockOf(a, top32(k))];
   if (stage == 0) {
     __builtin_prefetch(slot);
     return;
   }
-  if (const qor_radix_node *n = slotStart(*slot)) __builtin_prefetch(n);
+  const qor_radix_node *n = slotStart(*slot);
+  if (!n) return;
+  if (stage == 1) {
+    __builtin_prefetch(n);
+    return;
+  }
+  // What the descent reads after the block's node: the child on the key's side, and the node
+  // above, which an insert that lands on the block's node links to.
+  if (n->rn_bit < prefixlen)
+    if (const qor_radix_node *c = n->rn_child[bitAt(k, n->rn_bit)]) __builtin_prefetch(c);
+  if (n->rn_parent) __builtin_prefetch(n->rn_parent);
 }
 
 size_t qorRadixBytes(const qor_radix_tree *tree) {

@@ -201,8 +201,9 @@ qor_radix_node *qorRadixNodeNext(const qor_radix_node *node);
 // Batch hints: start fetching what an operation on (key, prefixlen) will read first, so that
 // a caller working through many prefixes overlaps the cache misses of the next ones with the
 // work on this one. Stage 0 fetches the accelerator's slot of the key; stage 1 reads that slot
-// (fetched by an earlier stage 0) and fetches the node it names. No effect on the tree; a
-// no-op when the tree has no accelerator or the prefix is shorter than its stride.
+// (fetched by an earlier stage 0) and fetches the node it names; stage 2 reads that node and
+// fetches the nodes next to it that an operation reads. No effect on the tree; a no-op when
+// the tree has no accelerator or the prefix is shorter than its stride.
 void qorRadixPrefetch(const qor_radix_tree *tree, const void *key, unsigned prefixlen, int stage);
 
 // Bytes the tree takes: internal nodes (spares too), the tree record and the accelerator.

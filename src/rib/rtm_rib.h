@@ -217,8 +217,8 @@ int rtmUpdateUnNumberedRte(uint32_t vrfId, uint8_t afIndex, qor_radix_tree *tree
 bool rtmIsRouteValid(uint8_t afIndex, uint32_t cid, uint8_t *rtp, int addFlag);
 
 // A hint for batches: starts fetching what adding or deleting this route will read first in
-// the main tree (stage 0, then stage 1 for the same route some routes later). No effect on the
-// RIB; cheap enough to call for every route of a batch.
+// the main tree (stage 0, then stages 1 and 2 for the same route some routes later: see
+// qorRadixPrefetch). No effect on the RIB; cheap enough to call for every route of a batch.
 void rtmRoutePrefetch(uint8_t afIndex, uint32_t cid, const uint8_t *rtp, int stage);
 
 // ---- Connected and GBC RIBs ----------------------------------------------------------------

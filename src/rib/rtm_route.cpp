@@ -46,10 +46,11 @@ std::unordered_map<const rt_head *, rt_head_ext> &extTable() {
   return table;
 }
 
-// How far ahead a batch fetches: the slot of the element kPrefetchFar on, the node of the one
-// kPrefetchNear on (a slot fetched early enough to have arrived by then).
-constexpr unsigned kPrefetchFar = 8;
-constexpr unsigned kPrefetchNear = 4;
+// How far ahead a batch fetches, stage by stage: the slot of the element kPrefetchAhead[0] on,
+// the node of kPrefetchAhead[1] on, the nodes around it of kPrefetchAhead[2] on (each fetched
+// by the stage before early enough to have arrived by then).
+constexpr unsigned kPrefetchStages = 3;
+constexpr unsigned kPrefetchAhead[kPrefetchStages] = {12, 8, 4};
 
 struct Names {
   char prefix[RTM_INET6_ADDRSTRLEN];
@@ -700,19 +701,20 @@ int rtmUpdateRouteIPv4(uint8_t *msg, uint32_t len, rt_client *) {
   rtm_route_iter it;
   rtm_route_elem el;
   rtmRouteIterInit(&it, msg, len);
-  // Two walks ahead of the one that applies: the far one starts fetching each element's slot
-  // of the tree's lookup table, the near one the node that slot names, so the cache misses of
-  // the next descents overlap with this one.
-  rtm_route_iter far = it, near = it;
-  rtm_route_elem ahead;
-  for (unsigned i = 0; i < kPrefetchFar && rtmRouteIterNext(&far, &ahead) == RTM_WIRE_OK; ++i)
-    rtmRoutePrefetch(it.afIndex, it.cid, ahead.rtp, 0);
-  for (unsigned i = 0; i < kPrefetchNear && rtmRouteIterNext(&near, &ahead) == RTM_WIRE_OK; ++i)
-    rtmRoutePrefetch(it.afIndex, it.cid, ahead.rtp, 1);
+  // Walks ahead of the one that applies, one per stage: the farthest starts fetching each
+  // element's slot of the tree's lookup table, the next the node that slot names, the nearest
+  // the nodes around it, so the cache misses of the next descents overlap with this one.
+  rtm_route_iter ahead[kPrefetchStages];
+  rtm_route_elem next;
+  for (unsigned s = 0; s < kPrefetchStages; ++s) {
+    ahead[s] = it;
+    for (unsigned i = 0; i < kPrefetchAhead[s] && rtmRouteIterNext(&ahead[s], &next) == RTM_WIRE_OK; ++i)
+      rtmRoutePrefetch(it.afIndex, it.cid, next.rtp, int(s));
+  }
   rtmRibDeferWakeups(true);
   while (rtmRouteIterNext(&it, &el) == RTM_WIRE_OK) {
-    if (rtmRouteIterNext(&far, &ahead) == RTM_WIRE_OK) rtmRoutePrefetch(it.afIndex, it.cid, ahead.rtp, 0);
-    if (rtmRouteIterNext(&near, &ahead) == RTM_WIRE_OK) rtmRoutePrefetch(it.afIndex, it.cid, ahead.rtp, 1);
+    for (unsigned s = 0; s < kPrefetchStages; ++s)
+      if (rtmRouteIterNext(&ahead[s], &next) == RTM_WIRE_OK) rtmRoutePrefetch(it.afIndex, it.cid, next.rtp, int(s));
     rtmConvertRtpParams(it.afIndex, el.rtp);
     switch (el.subCmd) {
       case RTM_UPD_ADD:
