@@ -36,10 +36,10 @@
 #include <cstdint>
 #include <cstring>
 #include <functional>
+#include <memory>
 #include <set>
 #include <string>
 #include <tuple>
-#include <unordered_map>
 #include <vector>
 
 #include "rtm/rtm_client_msgs.h"
@@ -503,9 +503,6 @@ struct FibPrefix {
   // VRF, family, address, length: the order of a dump.
   bool operator<(const FibPrefix &o) const;
 };
-struct FibPrefixHash {
-  size_t operator()(const FibPrefix &p) const;
-};
 
 struct FibRoute {
   uint32_t proto = 0;
@@ -519,6 +516,8 @@ struct FibRoute {
 // One route as a line of text: "VRF PREFIX/LEN proto P metric M [vrrp] [weighted] nh
 // ADDR%IFINDEX@VRF[*WEIGHT] ... [tlv HEX]". What --dump writes and what tests compare.
 std::string formatFibRoute(const FibPrefix &p, const FibRoute &r);
+
+class FibTable;
 
 class FibAgent {
  public:
@@ -534,6 +533,9 @@ class FibAgent {
     uint32_t size = 16;
     int replyWaitMs = 2000;
     int replyRetries = 2;
+    // Messages taken in order are acknowledged together: one cumulative ack for every this
+    // many, and for what is left when the socket is drained. 1 acknowledges each.
+    uint32_t ackEvery = 8;
     int ackDelayMs = 0;              // wait this long before taking each sequenced message
     uint64_t noAckAfter = UINT64_MAX;  // take this many sequenced messages, then no more
   };
@@ -584,10 +586,14 @@ class FibAgent {
   // takes everything again.
   void setNoAckAfter(uint64_t n) { opts_.noAckAfter = n; }
 
-  size_t routeCount() const { return table_.size(); }
+  size_t routeCount() const;
   size_t nextHopCount() const { return nexthops_.size(); }
-  const FibRoute *find(const FibPrefix &p) const;
-  const std::unordered_map<FibPrefix, FibRoute, FibPrefixHash> &table() const { return table_; }
+  // The route of a prefix into *out; false if the table has none.
+  bool find(const FibPrefix &p, FibRoute *out) const;
+  // Every route, in no particular order.
+  void forEachRoute(const std::function<void(const FibPrefix &, const FibRoute &)> &fn) const;
+  // Makes room for this many routes at once (an agent that knows the table's size).
+  void reserve(size_t routes);
   // Every route as formatFibRoute lines in FibPrefix order, each ending in a newline.
   std::string dump() const;
 
@@ -606,11 +612,15 @@ class FibAgent {
     uint32_t queue;
     uint32_t expected;
     bool mayRestart;  // we asked for a download since the last message taken in order
+    uint32_t pending = 0;  // taken in order and not acknowledged yet
+    uint8_t last[IPC_SWP_HDR_LEN] = {};  // header of the last of them, for the ack
   };
   int fail(const std::string &what);
   int sendCntrl(uint32_t action, uint32_t vrfId);
   void handle(const uint8_t *msg, size_t len);
   void take(const uint8_t *msg, size_t len);
+  void flushAck(SeqSlot &slot);
+  void flushAcks();
   void applyRoutes(const uint8_t *msg, size_t len);
   void applyNextHops(const uint8_t *msg, size_t len);
   void freshStart(uint8_t afIndex, uint32_t vrfId);
@@ -622,10 +632,11 @@ class FibAgent {
   uint32_t cid_ = 0;
   bool registered_ = false;
   std::vector<SeqSlot> seq_;
-  std::unordered_map<FibPrefix, FibRoute, FibPrefixHash> table_;
+  std::unique_ptr<FibTable> table_;
   std::set<std::tuple<uint32_t, uint32_t, std::array<uint8_t, 16>>> nexthops_;  // VRF, ifindex, address
   FibRouteMsg scratch_;
   std::vector<FibNhRecord> nhScratch_;
+  std::vector<FibNextHop> nhRoute_;
   Stats stats_;
   std::function<void(uint32_t, const uint8_t *, size_t)> hook_;
   std::string err_, malformedWhy_;

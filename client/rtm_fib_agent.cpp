@@ -22,6 +22,7 @@
 
 #include "client/rtm_client_internal.h"
 #include "client/rtm_client_lib.h"
+#include "client/rtm_fib_table.h"
 #include "ipc/qor_ipc.h"
 #include "swp/qor_swp.h"
 
@@ -47,18 +48,6 @@ bool FibPrefix::operator<(const FibPrefix &o) const {
   return len < o.len;
 }
 
-size_t FibPrefixHash::operator()(const FibPrefix &p) const {
-  // FNV-1a over the key's bytes: cheap, and /24s that differ in one byte spread well.
-  uint64_t h = 1469598103934665603ull;
-  auto mix = [&h](uint8_t b) { h = (h ^ b) * 1099511628211ull; };
-  mix(p.afIndex);
-  mix(p.len);
-  for (int s = 0; s < 32; s += 8) mix(static_cast<uint8_t>(p.vrfId >> s));
-  const unsigned n = rtmAfAddrLen(p.afIndex);
-  for (unsigned i = 0; i < n; ++i) mix(p.addr[i]);
-  return static_cast<size_t>(h ^ (h >> 29));
-}
-
 std::string formatFibRoute(const FibPrefix &p, const FibRoute &r) {
   std::string s = std::to_string(p.vrfId) + " " + addrToString(p.afIndex, p.addr) + "/" + std::to_string(p.len) +
                   " proto " + std::to_string(r.proto) + " metric " + std::to_string(r.metric);
@@ -80,7 +69,7 @@ std::string formatFibRoute(const FibPrefix &p, const FibRoute &r) {
   return s;
 }
 
-FibAgent::FibAgent(Options opts) : opts_(std::move(opts)), rx_(RTM_IPC_BUF_SIZE) {}
+FibAgent::FibAgent(Options opts) : opts_(std::move(opts)), table_(std::make_unique<FibTable>()), rx_(RTM_IPC_BUF_SIZE) {}
 
 FibAgent::~FibAgent() {
   if (queue_) qorSwpQueueRemove(queue_);
@@ -218,6 +207,7 @@ int FibAgent::poll(int timeoutMs) {
     ++handled;
     mode = QOR_IPC_NOWAIT;
   }
+  flushAcks();
   qorSwpRunTimers();
   return handled;
 }
@@ -239,6 +229,7 @@ void FibAgent::handle(const uint8_t *msg, size_t len) {
     return;
   }
   if (withholding()) {
+    flushAcks();  // what was taken before is acknowledged; from here on nothing is
     ++stats_.withheld;
     return;
   }
@@ -252,19 +243,34 @@ void FibAgent::handle(const uint8_t *msg, size_t len) {
   } else if (slot->mayRestart && seq == 1) {
     slot->expected = 1;
   }
-  const int rc = qorSwpCkSeqAndAck(msg, &slot->expected, Key_getReqQueue(key_));
-  if (rc == QOR_SWP_SEQ_REPEAT) {
-    ++stats_.repeats;
+  if (seq != (slot->expected ? slot->expected : 1)) {
+    // Out of order: what was taken is acknowledged first, then the library answers this one
+    // as a repeat (the ack again) or a gap (at once, so rtmd sends again without waiting).
+    flushAck(*slot);
+    const int rc = qorSwpCkSeqAndAck(msg, &slot->expected, Key_getReqQueue(key_));
+    ++(rc == QOR_SWP_SEQ_REPEAT ? stats_.repeats : stats_.gaps);
     return;
   }
-  if (rc != QOR_SWP_SEQ_OK) {
-    ++stats_.gaps;  // rtmd sends it again, after the one we missed
-    return;
-  }
+  slot->expected = seq + 1;
   slot->mayRestart = false;
+  memcpy(slot->last, msg, IPC_SWP_HDR_LEN);
+  if (++slot->pending >= opts_.ackEvery) flushAck(*slot);
   ++stats_.messages;
   take(msg, len);
   if (hook_) hook_(mtype, msg, len);
+}
+
+void FibAgent::flushAck(SeqSlot &slot) {
+  if (!slot.pending) return;
+  // The saved header checked against its own sequence is "in order": the library sends the
+  // cumulative ack for it, built as every other ack is.
+  uint32_t seq = ld32(slot.last, SWP_OFF_SEQ);
+  qorSwpCkSeqAndAck(slot.last, &seq, Key_getReqQueue(key_));
+  slot.pending = 0;
+}
+
+void FibAgent::flushAcks() {
+  for (SeqSlot &s : seq_) flushAck(s);
 }
 
 void FibAgent::take(const uint8_t *msg, size_t len) {
@@ -309,18 +315,13 @@ void FibAgent::applyRoutes(const uint8_t *msg, size_t len) {
     memcpy(key.addr, c.prefix, alen);
     if (c.op == FIB_OP_DEL) {
       ++stats_.dels;
-      if (table_.erase(key) == 0) ++stats_.delsUnknown;
+      if (!table_->erase(key)) ++stats_.delsUnknown;
       continue;
     }
     ++stats_.adds;
-    FibRoute &r = table_[key];
-    r.proto = c.proto;
-    r.metric = c.metric;
-    r.marker = c.marker;
-    r.weighted = c.weighted;
-    r.nh.resize(c.nnh);
-    for (unsigned i = 0; i < c.nnh; ++i) r.nh[i] = fibCmdNextHop(key.afIndex, c, i);
-    r.tlv.assign(c.tlv, c.tlv + c.tlvlen);
+    nhRoute_.resize(c.nnh);
+    for (unsigned i = 0; i < c.nnh; ++i) nhRoute_[i] = fibCmdNextHop(key.afIndex, c, i);
+    table_->put(key, c.proto, c.metric, c.marker, c.weighted, nhRoute_.data(), c.nnh, c.tlv, c.tlvlen);
   }
 }
 
@@ -345,23 +346,23 @@ void FibAgent::applyNextHops(const uint8_t *msg, size_t len) {
 
 void FibAgent::freshStart(uint8_t afIndex, uint32_t vrfId) {
   ++stats_.freshStarts;
-  for (auto it = table_.begin(); it != table_.end();)
-    it = ((it->first.vrfId == vrfId || vrfId == ALL_VRF_ID) && it->first.afIndex == afIndex) ? table_.erase(it)
-                                                                                               : std::next(it);
+  table_->eraseIf([&](const FibPrefix &p) { return (p.vrfId == vrfId || vrfId == ALL_VRF_ID) && p.afIndex == afIndex; });
 }
 
-const FibRoute *FibAgent::find(const FibPrefix &p) const {
-  auto it = table_.find(p);
-  return it == table_.end() ? nullptr : &it->second;
+size_t FibAgent::routeCount() const { return table_->size(); }
+bool FibAgent::find(const FibPrefix &p, FibRoute *out) const { return table_->get(p, out); }
+void FibAgent::reserve(size_t routes) { table_->reserve(routes); }
+void FibAgent::forEachRoute(const std::function<void(const FibPrefix &, const FibRoute &)> &fn) const {
+  table_->forEach(fn);
 }
 
 std::string FibAgent::dump() const {
-  std::vector<const std::pair<const FibPrefix, FibRoute> *> rows;
-  rows.reserve(table_.size());
-  for (const auto &kv : table_) rows.push_back(&kv);
-  std::sort(rows.begin(), rows.end(), [](auto *a, auto *b) { return a->first < b->first; });
+  std::vector<std::pair<FibPrefix, std::string>> rows;
+  rows.reserve(table_->size());
+  table_->forEach([&](const FibPrefix &p, const FibRoute &r) { rows.emplace_back(p, formatFibRoute(p, r)); });
+  std::sort(rows.begin(), rows.end(), [](const auto &a, const auto &b) { return a.first < b.first; });
   std::string out;
-  for (auto *kv : rows) out += formatFibRoute(kv->first, kv->second) + "\n";
+  for (const auto &row : rows) out += row.second + "\n";
   return out;
 }
 

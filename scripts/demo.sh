@@ -21,7 +21,7 @@ trap cleanup EXIT
 
 now() { date +%s.%N; }
 # The time an agent printed with "(at T)" on its line matching $2 in file $1.
-agentAt() { sed -n "/$2/s/.*(at \([0-9.]*\)).*/\1/p" "$1" | tail -1; }
+agentAt() { sed -n "/$2/s/.*(at \([0-9.]*\),.*/\1/p" "$1" | tail -1; }
 # Waits until every agent's output has a line matching $1 (or an agent ended without one).
 waitAgents() {
   local what=$1 limit=$2 start=$SECONDS

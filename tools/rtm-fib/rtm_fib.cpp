@@ -4,6 +4,8 @@
 //
 // It can play a slow line card (--ack-delay) or a stuck one (--no-ack-after), to watch rtmd's
 // back-pressure and its failure handling from the outside.
+#include <sys/resource.h>
+
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -144,6 +146,13 @@ std::string withCommas(uint64_t v) {
   return s;
 }
 
+// CPU seconds this process has used, user and system.
+double cpuNow() {
+  struct rusage ru {};
+  getrusage(RUSAGE_SELF, &ru);
+  return double(ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) + double(ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1e6;
+}
+
 double wallNow() {
   return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
 }
@@ -169,6 +178,7 @@ int main(int argc, char **argv) {
   o.replyRetries = 1;
   rtmclient::FibAgent agent(o);
   if (agent.open() != 0) die(agent.lastError());
+  if (a.haveExpect) agent.reserve(a.expect);
 
   signal(SIGINT, onSignal);
   signal(SIGTERM, onSignal);
@@ -204,9 +214,9 @@ int main(int argc, char **argv) {
       reached = true;
       full = Clock::now();
       const double secs = std::chrono::duration<double>(full - first).count();
-      printf("rtm-fib: %s holds %s routes: %.3f s after the first, %s routes/s (at %.3f)\n", who.c_str(),
-             withCommas(agent.routeCount()).c_str(), secs,
-             withCommas(static_cast<uint64_t>(secs > 0 ? agent.routeCount() / secs : 0)).c_str(), wallNow());
+      printf("rtm-fib: %s holds %s routes: %.3f s after the first, %s routes/s (at %.3f, cpu %.2f s)\n",
+             who.c_str(), withCommas(agent.routeCount()).c_str(), secs,
+             withCommas(static_cast<uint64_t>(secs > 0 ? agent.routeCount() / secs : 0)).c_str(), wallNow(), cpuNow());
       fflush(stdout);
       if (!a.expectEmpty) break;
     }
@@ -214,9 +224,9 @@ int main(int argc, char **argv) {
       emptied = true;
       const auto from = drainStart == Clock::time_point{} ? full : drainStart;
       const double secs = std::chrono::duration<double>(Clock::now() - from).count();
-      printf("rtm-fib: %s saw %s routes withdrawn in %.3f s, %s routes/s (at %.3f)\n", who.c_str(),
+      printf("rtm-fib: %s saw %s routes withdrawn in %.3f s, %s routes/s (at %.3f, cpu %.2f s)\n", who.c_str(),
              withCommas(a.expect).c_str(), secs, withCommas(static_cast<uint64_t>(secs > 0 ? a.expect / secs : 0)).c_str(),
-             wallNow());
+             wallNow(), cpuNow());
       fflush(stdout);
       break;
     }
