@@ -21,10 +21,8 @@ namespace dltest {
 using ribtest::Route;
 using rtm::ld16;
 using rtm::ld32;
-using rtm::ld8;
 using rtmtest::Msg;
 using rtmtest::Peer;
-using rtmtest::Reg;
 
 // A route as an agent holds it; next hops as (address, ifindex, VRF, weight).
 struct Held {
@@ -35,90 +33,70 @@ struct Held {
   bool operator==(const Held &) const = default;
 };
 inline void PrintTo(const Held &h, std::ostream *os) {
-  *os << "{proto " << h.proto << " metric " << h.metric << (h.marker ? " marked" : "") << (h.weighted ? " weighted" : "");
+  *os << "{proto " << h.proto << " metric " << h.metric << (h.marker ? " marked" : "");
   for (const auto &[addr, ifindex, vrf, weight] : h.nhs) *os << " via " << addr << "%" << ifindex << "@" << vrf << "w" << weight;
-  if (!h.tlv.empty()) *os << " tlv " << h.tlv.size();
-  *os << "}";
+  *os << " tlv " << h.tlv.size() << "}";
 }
-// By "vrf prefix/len".
-using Table = std::map<std::string, Held>;
+using Table = std::map<std::string, Held>;  // by "vrf prefix/len"
 
-inline std::string addrText(uint8_t af, const uint8_t *a) {
+inline std::string text(uint8_t af, const uint8_t *a) {
   char b[64];
   return rtmAF_AddrToStr(af, a, b, sizeof b) ? b : "?";
 }
-inline std::string key(uint8_t af, uint32_t vrf, const uint8_t *prefix, unsigned plen) {
-  return std::to_string(vrf) + " " + addrText(af, prefix) + "/" + std::to_string(plen);
-}
-
-// The record layouts as agents read them, written out apart from the daemon's own table.
-struct Wire {
-  size_t cmd, op, marker, vrf, prefix, proto, metric, plen, nnh, tlv, w;
-  size_t nh, nhIf, nhVrf, nhW;
-  unsigned addr;
-};
-inline constexpr Wire kWire4 = {32, 0, 4, 8, 12, 16, 20, 24, 25, 26, 28, 16, 4, 8, 12, 4};
-inline constexpr Wire kWire6 = {44, 0, 36, 4, 8, 28, 32, 24, 40, 0, 41, 28, 16, 20, 24, 16};
 
 // One command of a route message.
 struct Cmd {
   uint32_t op = 0, vrf = 0;
   std::string prefix;  // "a.b.c.d/len"
-  unsigned nnhField = 0;
   Held held;
 };
 
-// Reads a route message whole; every length is checked against what arrived.
+// Reads a route message whole, with the offsets an agent reads; every length is checked against
+// what arrived and the header's counts against the commands.
 inline std::vector<Cmd> decode(const Msg &m) {
-  std::vector<Cmd> out;
-  const uint32_t type = ld32(m.data(), IPC_OFF_MTYPE);
-  EXPECT_TRUE(type == MT_RTM_FIB_ROUTE || type == MT_RTM6_FIB_ROUTE);
-  const uint8_t af = type == MT_RTM_FIB_ROUTE ? 0 : 2;
-  const Wire &w = af == 0 ? kWire4 : kWire6;
+  struct Off {
+    size_t cmd, vrf, prefix, plen, proto, metric, marker, nnh, tlv, w, nh, nhIf, nhVrf, nhW;
+  };
+  static constexpr Off k4 = {32, 8, 12, 24, 16, 20, 4, 25, 26, 28, 16, 4, 8, 12};
+  static constexpr Off k6 = {44, 4, 8, 24, 28, 32, 36, 40, 0, 41, 28, 16, 20, 24};
+  const uint8_t af = ld32(m.data(), IPC_OFF_MTYPE) == MT_RTM_FIB_ROUTE ? 0 : 2;
+  const Off &o = af == 0 ? k4 : k6;
   const size_t len = ld32(m.data(), IPC_OFF_MLEN);
   EXPECT_EQ(len, m.size());
   EXPECT_EQ(ld32(m.data(), 140), 8192u);
-  EXPECT_EQ(ld8(m.data(), 144), af);
-  uint32_t adds = 0, dels = 0;
-  size_t off = 148;
-  while (off < len) {
-    if (len - off < w.cmd) {
-      ADD_FAILURE() << "command past the end";
-      break;
-    }
+  EXPECT_EQ(m[144], af);
+  std::vector<Cmd> out;
+  uint32_t counts[3] = {};
+  for (size_t off = 148; off < len;) {
     const uint8_t *c = m.data() + off;
     Cmd cmd;
-    cmd.op = ld32(c, w.op);
-    cmd.vrf = ld32(c, w.vrf);
-    cmd.prefix = addrText(af, c + w.prefix) + "/" + std::to_string(c[w.plen]);
-    cmd.nnhField = c[w.nnh];
-    cmd.held.proto = ld32(c, w.proto);
-    cmd.held.metric = ld32(c, w.metric);
-    cmd.held.marker = ld32(c, w.marker);
-    cmd.held.weighted = c[w.w] == 1;
-    size_t size = w.cmd;
-    if (cmd.op == RT_ADD) {
-      const size_t tlv = af == 0 ? ld16(c, w.tlv) : 0;
-      size += cmd.nnhField * w.nh + tlv;
-      if (len - off < size) {
-        ADD_FAILURE() << "next hops past the end";
-        break;
-      }
-      for (unsigned i = 0; i < cmd.nnhField; ++i) {
-        const uint8_t *n = c + w.cmd + i * w.nh;
-        cmd.held.nhs.emplace_back(addrText(af, n), ld32(n, w.nhIf), ld32(n, w.nhVrf), ld32(n, w.nhW));
-      }
-      cmd.held.tlv.assign(reinterpret_cast<const char *>(c) + w.cmd + cmd.nnhField * w.nh, tlv);
-      ++adds;
-    } else {
-      EXPECT_EQ(cmd.op, RT_DEL);
-      ++dels;
+    cmd.op = len - off >= o.cmd ? ld32(c, 0) : 0;
+    if (cmd.op != RT_ADD && cmd.op != RT_DEL) {
+      ADD_FAILURE() << "bad command at " << off;
+      break;
     }
+    cmd.vrf = ld32(c, o.vrf);
+    cmd.prefix = text(af, c + o.prefix) + "/" + std::to_string(c[o.plen]);
+    Held &h = cmd.held;
+    h.proto = ld32(c, o.proto), h.metric = ld32(c, o.metric), h.marker = ld32(c, o.marker), h.weighted = c[o.w];
+    const unsigned nnh = cmd.op == RT_ADD ? c[o.nnh] : 0;
+    const size_t tlv = cmd.op == RT_ADD && af == 0 ? ld16(c, o.tlv) : 0;
+    const size_t size = o.cmd + nnh * o.nh + tlv;
+    if (len - off < size) {
+      ADD_FAILURE() << "next hops past the end";
+      break;
+    }
+    for (unsigned i = 0; i < nnh; ++i) {
+      const uint8_t *n = c + o.cmd + i * o.nh;
+      h.nhs.emplace_back(text(af, n), ld32(n, o.nhIf), ld32(n, o.nhVrf), ld32(n, o.nhW));
+    }
+    h.tlv.assign(reinterpret_cast<const char *>(c) + o.cmd + nnh * o.nh, tlv);
+    ++counts[cmd.op];
     out.push_back(cmd);
     off += size;
   }
-  EXPECT_EQ(ld32(m.data(), 132), adds);
-  EXPECT_EQ(ld32(m.data(), 136), dels);
+  EXPECT_EQ(ld32(m.data(), 132), counts[RT_ADD]);
+  EXPECT_EQ(ld32(m.data(), 136), counts[RT_DEL]);
   return out;
 }
 
@@ -126,8 +104,8 @@ struct Agent {
   Peer *peer = nullptr;
   uint32_t cid = 0;
   uint8_t af = 0;
-  uint32_t expSeq = 1;  // next sequence the agent takes from rtmd
-  uint32_t sendSeq = 1;  // next sequence of the agent's own messages
+  uint32_t expSeq = 1;   // next sequence the agent takes from rtmd
+  uint32_t sendSeq = 1;  // next sequence of its own messages
   bool acks = true;
   std::vector<Msg> unacked;  // kept while the agent does not acknowledge
   Table table;
@@ -149,44 +127,39 @@ class DownloadTest : public rtmtest::RtmdTest {
   }
 
  public:
-
-  // A protocol client of the family, straight into the client table at a handle no
-  // registration takes first.
-  rt_client *proto(uint32_t cid, uint32_t p, uint8_t af = RTM_IPV4UNI_AFINDEX) {
+  // A protocol client of every VRF, straight into the table at a handle registrations take last.
+  void proto(uint32_t cid, uint32_t p, uint8_t af) {
     rt_client &rtc = rt_client_tbl[af][cid];
-    rtc.rtc_state = RTC_STATE_ACTIVE;
-    rtc.rtc_cid = cid;
-    rtc.rtc_proto = p;
-    rtc.rtc_afIndex = af;
+    rtc.rtc_state = RTC_STATE_ACTIVE, rtc.rtc_cid = cid, rtc.rtc_proto = p, rtc.rtc_afIndex = af;
     rtc.rtc_vrfId = ALL_VRF_ID;
-    for (uint32_t v = 0; v < MAX_VRF; ++v)
-      if (g_rtmVrfInUse[v]) EXPECT_EQ(rtmClientVrfInit(&rtc, v), 0);
-    return &rtc;
+    EXPECT_EQ(rtmClientVrfInit(&rtc, 0), 0);
   }
   int add(uint32_t cid, Route &r) { return rtmAddRouteIPv4(r.af, cid, r.p()); }
   int del(uint32_t cid, Route &r) { return rtmDelRouteIPv4(r.af, cid, r.p()); }
+  rt_head *head(uint8_t af, const char *prefix, unsigned plen) {
+    uint8_t a[16] = {};
+    EXPECT_EQ(rtmAF_AddrParse(af, prefix, a), 0);
+    return rtmHeadOf(qorRadixGetExact(rtmRibGetTree(af, 0), a, plen));
+  }
 
   Agent &agent(uint32_t svce, uint32_t slot, uint8_t af = RTM_IPV4UNI_AFINDEX, uint32_t p = RTM_PROTO_FIB) {
-    Peer &peer = open(svce);
     Agent a;
-    a.peer = &peer;
+    a.peer = &open(svce);
     a.af = af;
-    EXPECT_EQ(reg(peer, {p, slot, af}, &a.cid), RTM_REG_OK);
+    EXPECT_EQ(reg(*a.peer, {p, slot, af}, &a.cid), RTM_REG_OK);
     agents.push_back(a);
     return agents.back();
   }
 
-  // Reads what reached the agent: route messages change its table; every message is
-  // acknowledged in order unless the agent has stopped acknowledging.
+  // Reads what reached the agent: route messages change its table, a download marker empties
+  // it; everything is acknowledged in order unless the agent has stopped acknowledging.
   bool take(Agent &a) {
-    bool any = false;
-    if (a.acks && !a.unacked.empty()) {
+    bool any = a.acks && !a.unacked.empty();
+    if (any)
       for (const Msg &m : a.unacked) qorSwpCkSeqAndAck(m.data(), &a.expSeq, a.peer->queue());
-      a.unacked.clear();
+    if (any) a.unacked.clear();
+    for (Msg &m : received(*a.peer)) {
       any = true;
-    }
-    std::vector<Msg> msgs = received(*a.peer);
-    for (Msg &m : msgs) {
       const uint32_t type = ld32(m.data(), IPC_OFF_MTYPE);
       if (type == MT_RTM_FIB_ROUTE || type == MT_RTM6_FIB_ROUTE) {
         ++a.routeMsgs;
@@ -198,24 +171,20 @@ class DownloadTest : public rtmtest::RtmdTest {
             a.table.erase(k);
           a.cmds.push_back(std::move(c));
         }
-      } else if (type == MT_RTM_FIB_NH) {
-        ++a.nhMsgs;
-      } else if (type == MT_RTM_DNLD_CNTRL) {
-        ++a.begins;
-        a.table.clear();
       }
-      if (m.size() < IPC_SWP_HDR_LEN) continue;
+      a.nhMsgs += type == MT_RTM_FIB_NH;
+      if (type == MT_RTM_DNLD_CNTRL) ++a.begins, a.table.clear();
       if (a.acks)
         qorSwpCkSeqAndAck(m.data(), &a.expSeq, a.peer->queue());
       else
         a.unacked.push_back(std::move(m));
     }
-    return any || !msgs.empty();
+    return any;
   }
 
   // Runs rtmd, its threads and the agents until nobody has anything left to say.
-  void settle(int rounds = 10000) {
-    for (int i = 0; i < rounds; ++i) {
+  void settle() {
+    for (int i = 0; i < 10000; ++i) {
       qorThreadRunUntilIdle(rtmThreads);
       bool any = false;
       for (Agent &a : agents) any |= take(a);
@@ -225,7 +194,7 @@ class DownloadTest : public rtmtest::RtmdTest {
     ADD_FAILURE() << "the download did not settle";
   }
 
-  // A download control message from the agent on its own sequence.
+  // A download control message from the agent, on its own sequence.
   void control(Agent &a, uint32_t action, uint32_t vrfId) {
     Msg m(RTM_DNLD_CNTRL_LEN, 0);
     rtm::st32(m.data(), IPC_OFF_MLEN, RTM_DNLD_CNTRL_LEN);
@@ -239,10 +208,10 @@ class DownloadTest : public rtmtest::RtmdTest {
     send(*a.peer, m);
   }
 
-  // The active routes of a VRF as an agent of the family should hold them.
-  static Table ribTable(uint8_t af, uint32_t vrfId = 0) {
+  // The active routes of VRF 0 as an agent of the family should hold them.
+  static Table ribTable(uint8_t af) {
     Table t;
-    qor_radix_tree *tree = rtmRibGetTree(af, vrfId);
+    qor_radix_tree *tree = rtmRibGetTree(af, 0);
     for (qor_radix_hdr *h = qorRadixGetNext(tree, nullptr); h; h = qorRadixGetNext(tree, h)) {
       const rt_head *rth = rtmHeadOf(h);
       const rt_entry *e = rth->rtmh_rte;
@@ -254,10 +223,10 @@ class DownloadTest : public rtmtest::RtmdTest {
       held.weighted = e->rte_wecmp;
       for (unsigned i = 0; i < e->rte_nnh; ++i) {
         const rt_nh *n = rtmRteNh(e)[i];
-        held.nhs.emplace_back(addrText(af, n->rtn_addr), n->rtn_ifindex, n->rtn_vrfId, e->rte_wecmp ? n->rtn_weight : 0);
+        held.nhs.emplace_back(text(af, n->rtn_addr), n->rtn_ifindex, n->rtn_vrfId, e->rte_wecmp ? n->rtn_weight : 0);
       }
       if (af == 0) held.tlv.assign(reinterpret_cast<const char *>(rtmRteTlv(e)), e->rte_tlvlen);
-      t[key(af, vrfId, rth->rtmh_prefix, rth->rtmh_prefixlen)] = held;
+      t["0 " + text(af, rth->rtmh_prefix) + "/" + std::to_string(rth->rtmh_prefixlen)] = held;
     }
     return t;
   }
@@ -268,19 +237,23 @@ class DownloadTest : public rtmtest::RtmdTest {
     qorMemPoolStatsGet(pool, &s);
     return s.inUse;
   }
+  // Fills the agent's queue with `n` messages that it has not acknowledged.
+  void fill(Agent &a, int n) {
+    for (int i = 0; i < n; ++i) {
+      auto *m = static_cast<uint8_t *>(RTM_POOL_ALLOC(RTM_MEM_TAG_RIB, 8192, RTM_SWP_DNLD_POOL));
+      ASSERT_EQ(qorSwpEnqueue(a.rtc()->rtc_dnldQ, m, IPC_SWP_HDR_LEN), QOR_SWP_OK);
+    }
+  }
 
   std::deque<Agent> agents;
 };
 
-// Quick routes of a protocol client.
-inline Route ospf(const char *prefix, unsigned plen, const char *nh = "192.168.1.1", uint32_t ifindex = 3) {
-  Route r;
-  r.prefix(prefix, plen).proto(RTM_PROTO_OSPF).pref(110).metric(20).nh(nh, ifindex);
-  return r;
-}
-inline Route ospf6(const char *prefix, unsigned plen, const char *nh = "fe80::1", uint32_t ifindex = 3) {
-  Route r(RTM_IPV6UNI_AFINDEX);
-  r.prefix(prefix, plen).proto(RTM_PROTO_OSPF).pref(110).metric(20).nh(nh, ifindex);
+// A route of a protocol client: OSPF unless told otherwise.
+inline Route route(const char *prefix, unsigned plen, const char *nh = nullptr, uint32_t ifindex = 3) {
+  const uint8_t af = strchr(prefix, ':') ? RTM_IPV6UNI_AFINDEX : RTM_IPV4UNI_AFINDEX;
+  Route r(af);
+  r.prefix(prefix, plen).proto(RTM_PROTO_OSPF).pref(110).metric(20);
+  r.nh(nh ? nh : af == 0 ? "192.168.1.1" : "fe80::1", ifindex);
   return r;
 }
 
