@@ -220,6 +220,11 @@ bool rtmIsRouteValid(uint8_t afIndex, uint32_t cid, uint8_t *rtp, int addFlag);
 // the main tree (stage 0, then stages 1 and 2 for the same route some routes later: see
 // qorRadixPrefetch). No effect on the RIB; cheap enough to call for every route of a batch.
 void rtmRoutePrefetch(uint8_t afIndex, uint32_t cid, const uint8_t *rtp, int stage);
+// The same for a batch whose tree is known: rtmRouteBatchTree gives the main tree all of a
+// client's routes go to, or null when its routes name their VRF one by one (then use the form
+// above).
+qor_radix_tree *rtmRouteBatchTree(uint8_t afIndex, uint32_t cid);
+void rtmRoutePrefetchIn(qor_radix_tree *tree, uint8_t afIndex, const uint8_t *rtp, int stage);
 
 // ---- Connected and GBC RIBs ----------------------------------------------------------------
 

@@ -673,16 +673,34 @@ int rtmDelRouteIPv4(uint8_t afIndex, uint32_t cid, uint8_t *rtp) {
 
 // ---- Batches --------------------------------------------------------------------------------
 
+qor_radix_tree *rtmRouteBatchTree(uint8_t afIndex, uint32_t cid) {
+  if (afIndex != RTM_IPV4UNI_AFINDEX && afIndex != RTM_IPV6UNI_AFINDEX) return nullptr;
+  const rt_client *rtc = rtmClientGetByHandle(afIndex, cid);
+  const int32_t cvrf = rtmClientGetVrfId(afIndex, cid);
+  // A client of every VRF, BGP and VRRP name the VRF route by route.
+  if (!rtc || cvrf < 0 || uint32_t(cvrf) >= MAX_VRF || rtc->rtc_proto == RTM_PROTO_BGP ||
+      rtc->rtc_proto == RTM_PROTO_VRRP)
+    return nullptr;
+  const rt_inet_tbl_t *tbl = rt_inet_tbl[cvrf];
+  return tbl && tbl->ribState == 1 ? tbl->mainTree[afIndex] : nullptr;
+}
+
+void rtmRoutePrefetchIn(qor_radix_tree *tree, uint8_t afIndex, const uint8_t *rtp, int stage) {
+  const uint8_t plen = rtpGetPrefixLen(rtp);
+  if (tree && plen <= rtmAfKeyBits(afIndex)) qorRadixPrefetch(tree, rtpPrefix(rtp, afIndex), plen, stage);
+}
+
 void rtmRoutePrefetch(uint8_t afIndex, uint32_t cid, const uint8_t *rtp, int stage) {
   if (afIndex != RTM_IPV4UNI_AFINDEX && afIndex != RTM_IPV6UNI_AFINDEX) return;
   // Only a hint: the tree is the one the client's routes normally go to, and any check the
   // add or delete makes comes later.
-  const int32_t cvrf = rtmClientGetVrfId(afIndex, cid);
-  const uint32_t vrfId = cvrf < 0 || uint32_t(cvrf) >= MAX_VRF ? rtpGetVrfId(rtp) : uint32_t(cvrf);
-  if (vrfId >= MAX_VRF || !rt_inet_tbl[vrfId] || rt_inet_tbl[vrfId]->ribState != 1) return;
-  const uint8_t plen = rtpGetPrefixLen(rtp);
-  if (plen > rtmAfKeyBits(afIndex)) return;
-  qorRadixPrefetch(rt_inet_tbl[vrfId]->mainTree[afIndex], rtpPrefix(rtp, afIndex), plen, stage);
+  qor_radix_tree *tree = rtmRouteBatchTree(afIndex, cid);
+  if (!tree) {
+    const uint32_t vrfId = rtpGetVrfId(rtp);
+    if (vrfId < MAX_VRF && rt_inet_tbl[vrfId] && rt_inet_tbl[vrfId]->ribState == 1)
+      tree = rt_inet_tbl[vrfId]->mainTree[afIndex];
+  }
+  rtmRoutePrefetchIn(tree, afIndex, rtp, stage);
 }
 
 // ---- The message ----------------------------------------------------------------------------
@@ -706,15 +724,22 @@ int rtmUpdateRouteIPv4(uint8_t *msg, uint32_t len, rt_client *) {
   // the nodes around it, so the cache misses of the next descents overlap with this one.
   rtm_route_iter ahead[kPrefetchStages];
   rtm_route_elem next;
+  qor_radix_tree *const batchTree = rtmRouteBatchTree(it.afIndex, it.cid);
+  auto prefetch = [&](const uint8_t *rtp, unsigned stage) {
+    if (batchTree)
+      rtmRoutePrefetchIn(batchTree, it.afIndex, rtp, int(stage));
+    else
+      rtmRoutePrefetch(it.afIndex, it.cid, rtp, int(stage));
+  };
   for (unsigned s = 0; s < kPrefetchStages; ++s) {
     ahead[s] = it;
     for (unsigned i = 0; i < kPrefetchAhead[s] && rtmRouteIterNext(&ahead[s], &next) == RTM_WIRE_OK; ++i)
-      rtmRoutePrefetch(it.afIndex, it.cid, next.rtp, int(s));
+      prefetch(next.rtp, s);
   }
   rtmRibDeferWakeups(true);
   while (rtmRouteIterNext(&it, &el) == RTM_WIRE_OK) {
     for (unsigned s = 0; s < kPrefetchStages; ++s)
-      if (rtmRouteIterNext(&ahead[s], &next) == RTM_WIRE_OK) rtmRoutePrefetch(it.afIndex, it.cid, next.rtp, int(s));
+      if (rtmRouteIterNext(&ahead[s], &next) == RTM_WIRE_OK) prefetch(next.rtp, s);
     rtmConvertRtpParams(it.afIndex, el.rtp);
     switch (el.subCmd) {
       case RTM_UPD_ADD:
