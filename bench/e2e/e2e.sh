@@ -9,7 +9,7 @@
 # per second; the CPU seconds rtmd and the agents spent; and rtmd's resident memory (VmRSS in
 # /proc) before, with and after the table, as bytes per route.
 #
-# --agents N (default 1; 0 measures the feeder alone) starts N agents of the family of the
+# --agents N (default 0: the feeder and rtmd alone) starts N agents of the family of the
 # feed (--ipv6 among the rtm-feed options makes them IPv6 agents), on line-card slots 0..N-1.
 # The last line is a table row: family, routes, agents, seconds and rates of both directions,
 # bytes per route.
@@ -19,7 +19,7 @@ set -euo pipefail
 bin=${1:?usage: e2e.sh BUILD_DIR [ROUTES] [--agents N] [rtm-feed options...]}
 shift
 routes=1000000
-agents=1
+agents=0
 if [[ ${1:-} =~ ^[0-9]+$ ]]; then routes=$1; shift; fi
 feedArgs=()
 family=ipv4
@@ -106,6 +106,7 @@ if (( agents > 0 )); then addAll=$(span "$t0" "$(waitAgents holds)"); else addAl
 cpu1=$(cpu_s "$rtmd")
 acpu1=$( (( agents > 0 )) && agentsCpu holds || echo 0)
 rss1=$(rss_kb "$rtmd")
+(( agents > 0 )) && "$fib_bin" --run-dir "$run" --family "$family" --show-clients >"$run/clients.txt" 2>&1 || true
 
 t0=$(now)
 del=$("$feed_bin" --run-dir "$run" --proto bgp --inst 1 --generate "$routes" --quiet --withdraw "${feedArgs[@]}")
@@ -126,6 +127,7 @@ echo "CPU, withdraw:       rtmd $(span "$cpu1" "$cpu2") s, agents $(span "$acpu1
 echo "rtmd RSS empty:      $rss0 kB"
 echo "rtmd RSS with table: $rss1 kB ($bpr bytes per route)"
 echo "rtmd RSS withdrawn:  $rss2 kB"
+[ -s "$run/clients.txt" ] && cat "$run/clients.txt"
 if grep -q " ERR " "$run/rtmd.log"; then
   echo "rtmd logged errors:"; grep " ERR " "$run/rtmd.log" | head -5
 fi

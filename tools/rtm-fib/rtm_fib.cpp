@@ -44,6 +44,7 @@ const char kUsage[] =
     "  --wait-rtmd S         keep trying to register for S seconds (default 10)\n"
     "  --dump FILE           write the table to FILE when done, one route a line, sorted\n"
     "  --no-deregister       leave without deregistering (as a line card that died)\n"
+    "  --show-clients        print rtmd's view of the family's download clients and exit\n"
     "  --quiet               print only errors and the result lines\n"
     "  --help                print this text\n"
     "\n"
@@ -80,7 +81,7 @@ struct Args {
   uint32_t ackDelay = 0;
   uint64_t noAckAfter = UINT64_MAX;
   uint64_t expect = 0;
-  bool haveExpect = false, expectEmpty = false, deregister = true, quiet = false;
+  bool haveExpect = false, expectEmpty = false, deregister = true, quiet = false, showClients = false;
   uint32_t timeout = 600, waitRtmd = 10;
 };
 
@@ -126,6 +127,8 @@ Args parseArgs(int argc, char **argv) {
       a.waitRtmd = static_cast<uint32_t>(number(o, value(), 0, 3600));
     } else if (o == "--dump") {
       a.dump = value();
+    } else if (o == "--show-clients") {
+      a.showClients = true;
     } else if (o == "--no-deregister") {
       a.deregister = false;
     } else if (o == "--quiet") {
@@ -157,12 +160,41 @@ double wallNow() {
   return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
 }
 
+// One line per download client of the family, as rtmd sees it.
+int showClients(const Args &a, uint8_t af) {
+  // A short-lived endpoint of our own for the question: the agents' are taken.
+  int key = -1;
+  for (uint32_t inst = 0; inst <= QOR_IPC_MAX_INST && key < 0; ++inst) key = qorIpcOpen(a.svce + 50, inst);
+  if (key < 0) die(std::string("cannot open an endpoint in ") + qorIpcGetRunDir() + ": " + strerror(errno));
+  rtmclient::DnldClientsReply r;
+  if (rtmclient::queryDnldClients(key, af, a.vrf, &r) != 0) die(std::string("rtmd did not answer: ") + strerror(errno));
+  printf("rtm-fib: %s VRF %u: table version %llu, super group at %llu with %u member(s)\n", af ? "IPv6" : "IPv4",
+         a.vrf, static_cast<unsigned long long>(r.treeVersion), static_cast<unsigned long long>(r.groupVersion),
+         r.superMembers);
+  printf("  %-4s %-5s %-8s %-7s %-10s %10s %10s %8s %8s %6s %10s\n", "cid", "proto", "instance", "list", "state",
+         "adds", "deletes", "sent", "as-group", "queue", "version");
+  for (const rtmclient::DnldClientRow &row : r.rows) {
+    const char *list = row.list == RTM_DC_LIST_SUPER ? "super" : row.list == RTM_DC_LIST_REGULAR ? "regular" : "-";
+    const char *state = row.dnldState == 255 ? "failed" : "ok";
+    char q[16];
+    if (row.queueLen == RTM_DC_QLEN_NONE)
+      snprintf(q, sizeof q, "-");
+    else
+      snprintf(q, sizeof q, "%u", row.queueLen);
+    printf("  %-4u %-5u %-8u %-7s %-10s %10u %10u %8u %8u %6s %10llu\n", row.cid, row.proto, row.instance, list, state,
+           row.adds, row.dels, row.sends, row.superSends, q, static_cast<unsigned long long>(row.version));
+  }
+  qorIpcClose(key);
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
   Args a = parseArgs(argc, argv);
   qorLogSetProgram("rtm-fib");
   if (!a.runDir.empty() && qorIpcSetRunDir(a.runDir.c_str()) != 0) usageError("run directory path too long");
+  if (a.showClients) return showClients(a, a.ipv6 ? RTM_IPV6UNI_AFINDEX : RTM_IPV4UNI_AFINDEX);
   const char *fam = a.ipv6 ? "IPv6" : "IPv4";
   const std::string who = "slot " + std::to_string(a.slot) + " " + fam;
 
