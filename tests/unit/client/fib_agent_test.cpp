@@ -222,30 +222,6 @@ TEST_F(FibAgentTest, AnAgentToldToStopAcknowledgingTakesNothingMore) {
   EXPECT_EQ(acks(), (std::vector<std::string>{"1/0", "2/0"}));
 }
 
-TEST_F(FibAgentTest, NextHopsAreHeldOncePerKey) {
-  FibAgent a(options());
-  ASSERT_EQ(a.open(), 0);
-  auto bundle = [](std::vector<std::tuple<uint32_t, const char *, uint32_t>> recs) {
-    std::vector<uint8_t> m(rtmFibNhMsgLen(static_cast<uint32_t>(recs.size())), 0);
-    st32(m.data(), IPC_OFF_MLEN, static_cast<uint32_t>(m.size()));
-    st32(m.data(), IPC_OFF_MTYPE, MT_RTM_FIB_NH);
-    st32(m.data(), RTM_FIBNH_OFF_COUNT, static_cast<uint32_t>(recs.size()));
-    for (size_t i = 0; i < recs.size(); ++i) {
-      uint8_t *r = m.data() + RTM_FIBNH_OFF_RECS + RTM_FIBNH_REC_LEN * i;
-      st32(r, RTM_FIBNH_REC_OFF_OP, std::get<0>(recs[i]));
-      EXPECT_TRUE(parseAddr(0, std::get<1>(recs[i]), r + RTM_FIBNH_REC_OFF_ADDR));
-      st32(r, RTM_FIBNH_REC_OFF_IFINDEX, std::get<2>(recs[i]));
-    }
-    return m;
-  };
-  send(a, bundle({{1, "192.0.2.1", 5}, {1, "192.0.2.1", 6}, {1, "192.0.2.1", 5}}), 1);
-  EXPECT_EQ(a.nextHopCount(), 2u) << "the same address on two interfaces is two next hops";
-  send(a, bundle({{2, "192.0.2.1", 5}, {2, "192.0.2.7", 5}}), 2);
-  EXPECT_EQ(a.nextHopCount(), 1u);
-  EXPECT_EQ(a.stats().nhAdds, 3u);
-  EXPECT_EQ(a.stats().nhDels, 2u);
-}
-
 TEST(FibRouteText, OneLinePerRouteWithEverythingTheFibProgrammes) {
   FibPrefix p;
   p.afIndex = RTM_IPV6UNI_AFINDEX;

@@ -74,32 +74,15 @@ TEST(FibTable, MatchesAMapThroughRandomPutsAndErases) {
         FibRoute got;
         auto it = model.find(i);
         ASSERT_EQ(t.get(prefix(i), &got), it != model.end()) << i;
-        if (it != model.end()) ASSERT_EQ(text(prefix(i), got), text(prefix(i), route(it->second))) << i;
+        if (it != model.end()) {
+          ASSERT_EQ(text(prefix(i), got), text(prefix(i), route(it->second))) << i;
+        }
       }
     }
     size_t seen = 0;
     t.forEach([&](const FibPrefix &, const FibRoute &) { ++seen; });
     EXPECT_EQ(seen, model.size());
   }
-}
-
-TEST(FibTable, KeysDifferingInAnyFieldAreDifferentRoutes) {
-  FibTable t;
-  FibPrefix base = prefix(1);
-  FibPrefix others[4] = {base, base, base, base};
-  others[0].vrfId ^= 1;
-  others[1].len ^= 1;
-  others[2].addr[3] ^= 1;
-  others[3].afIndex = RTM_IPV6UNI_AFINDEX;
-  FibNextHop nh;
-  ASSERT_TRUE(t.put(base, 7, 1, 0, false, &nh, 1, nullptr, 0));
-  for (const FibPrefix &o : others) EXPECT_TRUE(t.put(o, 7, 2, 0, false, &nh, 1, nullptr, 0));
-  EXPECT_FALSE(t.put(base, 4, 3, 0, false, &nh, 1, nullptr, 0)) << "the same key again replaces";
-  EXPECT_EQ(t.size(), 5u);
-  FibRoute r;
-  ASSERT_TRUE(t.get(base, &r));
-  EXPECT_EQ(r.proto, 4u);
-  EXPECT_EQ(r.metric, 3u);
 }
 
 }  // namespace
