@@ -104,7 +104,9 @@ class DownloadSystem : public ::testing::Test {
   void TearDown() override {
     agents.clear();
     protos.clear();
-    if (rtmd) EXPECT_EQ(rtmd->stop(SIGTERM, 10000), 0) << "rtmd must still be running and stop cleanly";
+    if (rtmd) {
+      EXPECT_EQ(rtmd->stop(SIGTERM, 10000), 0) << "rtmd must still be running and stop cleanly";
+    }
     if (ifm) ifm->stop(SIGTERM, 5000);
     qorSwpReset();
     qorIpcReset();
