@@ -54,8 +54,9 @@ grep -q "RTM Task is Ready" "$run/rtmd.log" || { echo "demo.sh: rtmd did not com
 echo "== two FIB agents (line-card slots 0 and 1) register and ask for VRF 0"
 fib=()
 for i in 0 1; do
+  dump=(); [ $i = 0 ] && dump=(--dump "$run/fib0.table")
   "$bin/tools/rtm-fib/rtm-fib" --run-dir "$run" --slot $i --expect "$routes" --expect-empty-after \
-    --timeout 900 >"$run/fib$i.out" 2>&1 & fib+=($!); pids+=($!)
+    --timeout 900 "${dump[@]}" >"$run/fib$i.out" 2>&1 & fib+=($!); pids+=($!)
 done
 waitAgents "registered as" 20
 cat "$run/fib0.out" "$run/fib1.out"
@@ -69,6 +70,9 @@ grep -h "holds" "$run/fib0.out" "$run/fib1.out"
 figures "download" "$t0" "$(later "$(agentAt "$run/fib0.out" holds)" "$(agentAt "$run/fib1.out" holds)")"
 rss1=$(awk '/^VmRSS:/ { print $2 }' "/proc/$rtmd/status")
 echo "== rtmd memory: $rss1 kB resident ($(( (rss1 - rss0) * 1024 / routes )) bytes per route above the empty daemon's $rss0 kB)"
+for _ in $(seq 1200); do [ -f "$run/fib0.table" ] && break; sleep 0.05; done
+echo "== the first routes in the agent of slot 0 (VRF, prefix, protocol, metric, next hop%ifindex@VRF)"
+head -5 "$run/fib0.table" 2>/dev/null || true
 
 echo "== rtm-feed: withdrawing them"
 t0=$(now)

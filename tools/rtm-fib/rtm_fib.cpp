@@ -42,7 +42,8 @@ const char kUsage[] =
     "                        the time and rate of the withdrawal\n"
     "  --timeout S           give up waiting for --expect after S seconds (default 600)\n"
     "  --wait-rtmd S         keep trying to register for S seconds (default 10)\n"
-    "  --dump FILE           write the table to FILE when done, one route a line, sorted\n"
+    "  --dump FILE           write the table to FILE, one route a line, sorted: once --expect is\n"
+    "                        met, else when the agent ends (written whole, then renamed)\n"
     "  --no-deregister       leave without deregistering (as a line card that died)\n"
     "  --show-clients        print rtmd's view of the family's download clients and exit\n"
     "  --quiet               print only errors and the result lines\n"
@@ -144,8 +145,12 @@ Args parseArgs(int argc, char **argv) {
 }
 
 std::string withCommas(uint64_t v) {
-  std::string s = std::to_string(v);
-  for (int i = static_cast<int>(s.size()) - 3; i > 0; i -= 3) s.insert(static_cast<size_t>(i), ",");
+  const std::string digits = std::to_string(v);
+  std::string s;
+  for (size_t i = 0; i < digits.size(); ++i) {
+    if (i && (digits.size() - i) % 3 == 0) s += ',';
+    s += digits[i];
+  }
   return s;
 }
 
@@ -154,6 +159,17 @@ double cpuNow() {
   struct rusage ru {};
   getrusage(RUSAGE_SELF, &ru);
   return double(ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) + double(ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1e6;
+}
+
+// The table as text into FILE, whole or not at all: written aside, then renamed.
+bool writeDump(const rtmclient::FibAgent &agent, const std::string &file) {
+  const std::string tmp = file + ".tmp";
+  {
+    std::ofstream out(tmp);
+    out << agent.dump();
+    if (!out) return false;
+  }
+  return rename(tmp.c_str(), file.c_str()) == 0;
 }
 
 double wallNow() {
@@ -250,6 +266,10 @@ int main(int argc, char **argv) {
              who.c_str(), withCommas(agent.routeCount()).c_str(), secs,
              withCommas(static_cast<uint64_t>(secs > 0 ? agent.routeCount() / secs : 0)).c_str(), wallNow(), cpuNow());
       fflush(stdout);
+      if (!a.dump.empty()) {
+        if (!writeDump(agent, a.dump)) fprintf(stderr, "rtm-fib: cannot write %s: %s\n", a.dump.c_str(), strerror(errno));
+        a.dump.clear();
+      }
       if (!a.expectEmpty) break;
     }
     if (reached && a.expectEmpty && agent.routeCount() == 0) {
@@ -275,13 +295,9 @@ int main(int argc, char **argv) {
             reached && !emptied ? ", waiting for the withdrawal" : "");
     rc = 3;
   }
-  if (!a.dump.empty()) {
-    std::ofstream out(a.dump);
-    out << agent.dump();
-    if (!out) {
-      fprintf(stderr, "rtm-fib: cannot write %s: %s\n", a.dump.c_str(), strerror(errno));
-      rc = rc ? rc : 1;
-    }
+  if (!a.dump.empty() && !writeDump(agent, a.dump)) {
+    fprintf(stderr, "rtm-fib: cannot write %s: %s\n", a.dump.c_str(), strerror(errno));
+    rc = rc ? rc : 1;
   }
   if (!a.quiet || st.malformed) {
     printf("rtm-fib: %s: %s routes, %s next hops held; %s messages (%s routes, %s next hops, %s control, %s other); "
