@@ -388,8 +388,9 @@ TEST_F(Walks, TheBgpFilter) {
     h->rtmh_redlist[5] = 0;
   }
   rtmDownloadBgpRoutesToIpm1[0] = 1;
+  rtmCurrentFilterState = 2;  // the agent is filtered from its registration on
   Agent &ipm = agent(900, 0, RTM_IPV4UNI_AFINDEX, RTM_PROTO_IPM);
-  ipm.rtc()->rtc_filterState = 2;
+  rtmCurrentFilterState = 1;
   settle();
   EXPECT_EQ(ipm.table.count("0 10.12.0.0/16"), 0u);
   ipm.rtc()->rtc_filterState = 1;
