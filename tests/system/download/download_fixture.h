@@ -11,6 +11,7 @@
 #include <map>
 #include <memory>
 #include <random>
+#include <set>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -147,7 +148,10 @@ class DownloadSystem : public ::testing::Test {
   bool pumpUntil(const std::function<bool()> &done, int timeoutMs) {
     const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
     for (;;) {
-      for (auto &a : agents) EXPECT_GE(a->poll(0), 0) << a->lastError();
+      for (auto &a : agents) {
+        if (paused.count(a.get())) continue;
+        EXPECT_GE(a->poll(0), 0) << a->lastError();
+      }
       for (auto &c : protos) EXPECT_GE(c->poll(0), 0) << c->lastError();
       if (done()) return true;
       if (Clock::now() > deadline) return false;
@@ -171,7 +175,7 @@ class DownloadSystem : public ::testing::Test {
     bool ok = pumpUntil(
         [&] {
           for (auto &a : agents)
-            if (!a->withholding() && a->dump() != want) return false;
+            if (!a->withholding() && !paused.count(a.get()) && a->dump() != want) return false;
           return true;
         },
         timeoutMs);
@@ -218,6 +222,7 @@ class DownloadSystem : public ::testing::Test {
   std::unique_ptr<Process> ifm, rtmd;
   int probe = -1;
   std::vector<std::unique_ptr<FibAgent>> agents;
+  std::set<const FibAgent *> paused;  // agents the loop leaves alone, as a process too busy to read
   std::vector<std::unique_ptr<ProtoClient>> protos;
 };
 

@@ -142,6 +142,38 @@ INSTANTIATE_TEST_SUITE_P(Families, RandomSequences, ::testing::Values(RTM_IPV4UN
 
 // ---- Restart and clear --------------------------------------------------------------------------
 
+TEST_F(DownloadSystem, ASlowAgentPacesItsGroupAndIsNotGivenUp) {
+  FibAgent &fast = addAgent(RTM_IPV4UNI_AFINDEX, 1);
+  FibAgent &slow = addAgent(RTM_IPV4UNI_AFINDEX, 2);
+  ProtoClient &bgp = addProto(RTM_IPV4UNI_AFINDEX, RTM_PROTO_BGP, 1, 310);
+  ASSERT_TRUE(pumpUntil([&] { return view(0).superMembers == 2; }, 10000));
+  // The slow agent reads nothing for a while, as a process that is busy elsewhere: what rtmd
+  // sends it waits in its socket and then in rtmd's queue.
+  paused.insert(&slow);
+  constexpr uint32_t kRoutes = 40000;  // some 400 messages: its queue passes the high mark
+  Model m;
+  feed(bgp, m, 0, kRoutes, true);
+  settleProtos();
+  // The group is served as fast as its slowest member takes: with the slow one's queue past
+  // the mark, the fast one has nothing queued and still lacks routes.
+  ASSERT_TRUE(pumpUntil(
+      [&] {
+        DnldClientsReply v = view(0);
+        const DnldClientRow *s = v.find(RTM_PROTO_FIB, 2), *f = v.find(RTM_PROTO_FIB, 1);
+        return s && f && s->queueLen > 200 && f->queueLen == 0;
+      },
+      20000));
+  DnldClientsReply v = view(0);
+  EXPECT_EQ(v.superMembers, 2u);
+  EXPECT_LT(v.groupVersion, v.treeVersion);
+  EXPECT_LT(fast.routeCount(), kRoutes);
+  // It reads again in time: both end with the whole table, and it was never given up.
+  paused.clear();
+  expectAgentsHold(m.expectedDump());
+  EXPECT_NE(view(0).find(RTM_PROTO_FIB, 2)->dnldState, 255u);
+  EXPECT_EQ(slow.stats().gaps, 0u);
+}
+
 TEST_F(DownloadSystem, AnAgentThatComesBackIsGivenTheWholeTable) {
   addAgent(RTM_IPV4UNI_AFINDEX, 1);
   ProtoClient &bgp = addProto(RTM_IPV4UNI_AFINDEX, RTM_PROTO_BGP, 1, 310);
