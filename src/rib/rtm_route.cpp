@@ -717,13 +717,12 @@ int rtmUpdateRouteIPv4(uint8_t *msg, uint32_t len, rt_client *) {
     return RTM_FAILURE;
   }
   rtm_route_iter it;
-  rtm_route_elem el;
   rtmRouteIterInit(&it, msg, len);
-  // Walks ahead of the one that applies, one per stage: the farthest starts fetching each
-  // element's slot of the tree's lookup table, the next the node that slot names, the nearest
-  // the nodes around it, so the cache misses of the next descents overlap with this one.
-  rtm_route_iter ahead[kPrefetchStages];
-  rtm_route_elem next;
+  // The elements are taken a chunk at a time, so that each route's first cache misses can be
+  // fetched a few routes ahead, stage by stage (the slot of the tree's lookup table, the node it
+  // names, the nodes around that), overlapping with the work on the routes before it.
+  constexpr unsigned kChunk = 128;
+  rtm_route_elem els[kChunk];
   qor_radix_tree *const batchTree = rtmRouteBatchTree(it.afIndex, it.cid);
   auto prefetch = [&](const uint8_t *rtp, unsigned stage) {
     if (batchTree)
@@ -731,29 +730,33 @@ int rtmUpdateRouteIPv4(uint8_t *msg, uint32_t len, rt_client *) {
     else
       rtmRoutePrefetch(it.afIndex, it.cid, rtp, int(stage));
   };
-  for (unsigned s = 0; s < kPrefetchStages; ++s) {
-    ahead[s] = it;
-    for (unsigned i = 0; i < kPrefetchAhead[s] && rtmRouteIterNext(&ahead[s], &next) == RTM_WIRE_OK; ++i)
-      prefetch(next.rtp, s);
-  }
   rtmRibDeferWakeups(true);
-  while (rtmRouteIterNext(&it, &el) == RTM_WIRE_OK) {
-    for (unsigned s = 0; s < kPrefetchStages; ++s)
-      if (rtmRouteIterNext(&ahead[s], &next) == RTM_WIRE_OK) prefetch(next.rtp, s);
-    rtmConvertRtpParams(it.afIndex, el.rtp);
-    switch (el.subCmd) {
-      case RTM_UPD_ADD:
-        if (rtmAddRouteIPv4(it.afIndex, it.cid, el.rtp) == RTM_NO_MEMORY && rtmOutOfMemLogMsg) {
-          qorSysErr(rtmevkey, 0, 0x148059, 0, "does not have enough memory, dropping routes. User action may be required");
-          rtmOutOfMemLogMsg = 0;
-        }
-        break;
-      case RTM_UPD_DEL:
-        rtmDelRouteIPv4(it.afIndex, it.cid, el.rtp);
-        break;
-      default:
-        qorSysErr(rtmevkey, 0, 0x148004, 0, "RTM: rtmUpdateRoute", el.subCmd, el.index);
-        break;
+  for (;;) {
+    unsigned n = 0;
+    while (n < kChunk && rtmRouteIterNext(&it, &els[n]) == RTM_WIRE_OK) ++n;
+    if (n == 0) break;
+    for (unsigned st = 0; st < kPrefetchStages; ++st)
+      for (unsigned k = 0; k < kPrefetchAhead[st] && k < n; ++k) prefetch(els[k].rtp, st);
+    for (unsigned i = 0; i < n; ++i) {
+      for (unsigned st = 0; st < kPrefetchStages; ++st)
+        if (i + kPrefetchAhead[st] < n) prefetch(els[i + kPrefetchAhead[st]].rtp, st);
+      const rtm_route_elem &el = els[i];
+      rtmConvertRtpParams(it.afIndex, el.rtp);
+      switch (el.subCmd) {
+        case RTM_UPD_ADD:
+          if (rtmAddRouteIPv4(it.afIndex, it.cid, el.rtp) == RTM_NO_MEMORY && rtmOutOfMemLogMsg) {
+            qorSysErr(rtmevkey, 0, 0x148059, 0,
+                      "does not have enough memory, dropping routes. User action may be required");
+            rtmOutOfMemLogMsg = 0;
+          }
+          break;
+        case RTM_UPD_DEL:
+          rtmDelRouteIPv4(it.afIndex, it.cid, el.rtp);
+          break;
+        default:
+          qorSysErr(rtmevkey, 0, 0x148004, 0, "RTM: rtmUpdateRoute", el.subCmd, el.index);
+          break;
+      }
     }
   }
   rtmRibDeferWakeups(false);
