@@ -124,16 +124,39 @@ bool geometry(QorMemPool &p, uint32_t blockSize) {
 }
 
 #ifndef RTM_SANITIZED
+// Chunks are carved, one after the other and for any pool, from regions of 2 MB aligned on
+// their size, which the kernel may back with huge pages: loading a table then takes a page
+// fault per 2 MB rather than per 4 KB, and walking the records misses the TLB far less. A
+// region is only address space until its chunks are used.
+constexpr size_t kRegionSize = size_t(2) << 20;
+static_assert(kRegionSize % QOR_MEM_CHUNK_SIZE == 0);
+uintptr_t g_regionNext, g_regionEnd;
+
+uintptr_t takeChunkSpace() {
+  if (g_regionNext == g_regionEnd) {
+    // Map twice the size and trim, so the region sits on a multiple of its size.
+    const size_t len = 2 * kRegionSize;
+    void *m = mmap(nullptr, len, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (m == MAP_FAILED) return 0;
+    const uintptr_t a = reinterpret_cast<uintptr_t>(m);
+    const uintptr_t r = (a + kRegionSize - 1) & ~(uintptr_t(kRegionSize) - 1);
+    if (r > a) munmap(m, r - a);
+    const uintptr_t end = a + len, rend = r + kRegionSize;
+    if (end > rend) munmap(reinterpret_cast<void *>(rend), end - rend);
+#ifdef MADV_HUGEPAGE
+    madvise(reinterpret_cast<void *>(r), kRegionSize, MADV_HUGEPAGE);
+#endif
+    g_regionNext = r;
+    g_regionEnd = rend;
+  }
+  const uintptr_t c = g_regionNext;
+  g_regionNext += QOR_MEM_CHUNK_SIZE;
+  return c;
+}
+
 Chunk *newChunk(QorMemPool &p) {
-  // Map twice the size and trim, so the chunk sits on a multiple of its size.
-  size_t len = 2 * QOR_MEM_CHUNK_SIZE;
-  void *m = mmap(nullptr, len, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-  if (m == MAP_FAILED) return nullptr;
-  uintptr_t a = reinterpret_cast<uintptr_t>(m);
-  uintptr_t c = (a + QOR_MEM_CHUNK_SIZE - 1) & kChunkMask;
-  if (c > a) munmap(m, c - a);
-  uintptr_t end = a + len, cend = c + QOR_MEM_CHUNK_SIZE;
-  if (end > cend) munmap(reinterpret_cast<void *>(cend), end - cend);
+  const uintptr_t c = takeChunkSpace();
+  if (!c) return nullptr;
   try {
     st().chunkSet.insert(c);
     p.chunks.push_back(reinterpret_cast<Chunk *>(c));
