@@ -18,7 +18,7 @@ bool g_up;
 unsigned g_inputs;
 }  // namespace
 
-void daemonForInput(unsigned every) {
+bool daemonForInput(unsigned every, void (*beforeReset)()) {
   // A finding may depend on the inputs before it; RTM_FUZZ_RESET_EVERY=1 gives every input a
   // fresh daemon, to replay one alone.
   static const unsigned override = [] {
@@ -28,8 +28,9 @@ void daemonForInput(unsigned every) {
   if (override) every = override;
   if (g_up && ++g_inputs % every != 0) {
     qorLogClearRecent();
-    return;
+    return false;
   }
+  if (g_up && beforeReset) beforeReset();
   if (g_up) rtmFrameReset();
   if (g_runDir.empty()) {
     char tmpl[] = "/tmp/rtm-fuzz.XXXXXX";
@@ -47,6 +48,7 @@ void daemonForInput(unsigned every) {
   }
   rtmIfmRegState = rtmChmRegState = 1;
   g_up = true;
+  return true;
 }
 
 void activeClient(uint8_t af, uint32_t cid, uint32_t proto, uint32_t vrfId) {

@@ -18,7 +18,7 @@
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 total=${1:-${FUZZ_SECONDS:-60}}
-targets=(fuzz_route_update fuzz_registration)
+targets=(fuzz_route_update fuzz_registration fuzz_dispatch)
 per=$(( total / ${#targets[@]} ))
 [ "$per" -ge 1 ] || per=1
 

@@ -3,7 +3,8 @@
 
 Valid messages of the kinds the targets parse, so that mutation starts from what a client
 sends: route-update batches of both families (adds and deletes, several next hops, TLV blocks,
-the flags that take other paths) and registrations of several protocols."""
+the flags that take other paths), registrations of several protocols, and for fuzz_dispatch a
+message of every code that has a handler, as chunks of that target's input format."""
 import os
 import struct
 import sys
@@ -96,9 +97,103 @@ def registration_seeds():
     }
 
 
+# Clients of fuzz_dispatch by the low bits of `who`: OSPF IPv4, BGP IPv6, IS-IS of both families
+# (IPv4, IPv6), the FIB agents (IPv4, IPv6).
+OSPF, BGP, ISIS4, ISIS6, FIB4, FIB6 = range(6)
+BY_TYPE, RAW, WORK = 0x80, 0xC0, 0xFF
+
+
+def chunk(sel, who, body=b""):
+    return struct.pack(">BBH", sel, who, len(body)) + body
+
+
+def msg(mtype, length, fields=()):
+    """A message of `length` bytes with (offset, format, value) fields written in."""
+    m = ipc_header(mtype, length) + bytearray(max(0, length - IPC_HDR))
+    if length >= 128:  # a sequenced message: SWP queue and sequence (the harness sets the sequence)
+        struct.pack_into(">II", m, 60, 1, 1)
+    for off, fmt, val in fields:
+        struct.pack_into(">" + fmt, m, off, val)
+    return bytes(m)
+
+
+def nm(sub, length=96, fields=()):
+    return msg(0x1771, length, ((72, "I", sub),) + tuple(fields))
+
+
+def dispatch_seeds():
+    v4routes = update(0, 0, [(1, rtp(0, v4(10, i, 0, 0), 16, 4, 4)) for i in range(4)])
+    v6routes = update(0, 2, [(1, rtp(2, v6(0x2001, 0xdb8, i, 0, 0, 0, 0, 0), 48, 7, 13,
+                                     nhs=((v6(0xfe80, 0, 0, 0, 0, 0, 0, 1), 3, 0, 0),)))
+                             for i in range(3)])
+    v4dels = update(0, 0, [(2, rtp(0, v4(10, i, 0, 0), 16, 4, 4)) for i in range(2)])
+
+    def dnld(action, vrf=0):
+        return msg(0x3255, 144, ((132, "I", action), (136, "I", vrf)))
+
+    flush_swp = lambda code, vrf=0: msg(code, 140, ((132, "I", vrf),))
+    clear_routes = nm(0x3215, 128, ((80 + 12, "I", 1), (80 + 16, "B", 0), (80 + 44, "I", 0)))
+    clear_prefix = nm(0x3215, 128, ((80 + 12, "I", 0), (80 + 16, "B", 0), (80 + 17, "I", 0x0a010000),
+                                    (80 + 40, "B", 16), (80 + 44, "I", 0)))
+    seeds = {
+        "register": chunk(BY_TYPE, OSPF, registration(4)),
+        "register_both": chunk(BY_TYPE, ISIS4, registration(8, mtype=0x3269)),
+        "register_vrf": chunk(BY_TYPE, OSPF, registration(3, vrf=5, mtype=0x323F)),
+        "register_arp": chunk(BY_TYPE, OSPF, msg(0x3202, 144, ((112, "I", 1), (132, "I", 901)))),
+        "deregister": chunk(BY_TYPE, OSPF, msg(0x3203, 161)),
+        "deregister_af": chunk(BY_TYPE, BGP, msg(0x3237, 65, ((64, "B", 2),))),
+        "deregister_both": chunk(BY_TYPE, ISIS4, msg(0x326A, 64)),
+        "qualifier": chunk(BY_TYPE, OSPF, msg(0x325C, 172, ((144, "I", 3), (168, "I", 5)))),
+        "unqualifier": chunk(BY_TYPE, OSPF, msg(0x325D, 172, ((144, "I", 3), (168, "I", 5)))),
+        "routes_v4": chunk(BY_TYPE, OSPF, v4routes) + chunk(WORK, 1),
+        "routes_v6": chunk(BY_TYPE, BGP, v6routes) + chunk(WORK, 1),
+        "routes_isis": chunk(BY_TYPE, ISIS4, v4routes) + chunk(BY_TYPE, ISIS4, v4dels),
+        "dnld_start": chunk(BY_TYPE, FIB4, dnld(1)) + chunk(WORK, 0),
+        "dnld_start_v6": chunk(BY_TYPE, FIB6, dnld(1)) + chunk(WORK, 0),
+        "dnld_stop": chunk(BY_TYPE, FIB4, dnld(0)),
+        "flush": chunk(BY_TYPE, OSPF, msg(0x322D, 64)),
+        "flush_swp": chunk(BY_TYPE, OSPF, flush_swp(0x322E)),
+        "flush_swp_v6": chunk(BY_TYPE, BGP, flush_swp(0x322F)),
+        "flush_vrf": chunk(BY_TYPE, OSPF, flush_swp(0x3251, 5)),
+        "flush_vrf_v6": chunk(BY_TYPE, BGP, flush_swp(0x3252, 0)),
+        "flush_mul": chunk(BY_TYPE, OSPF, flush_swp(0x3233)),
+        "flush_vrf_mul": chunk(BY_TYPE, OSPF, flush_swp(0x3253)),
+        "flush_poller": chunk(BY_TYPE, OSPF, flush_swp(0x3230)),
+        "flush_poller_v6": chunk(BY_TYPE, BGP, flush_swp(0x3232)),
+        "clear_fib": chunk(BY_TYPE, FIB4, msg(0x3240, 161, ((124, "I", 0xFFFF),))) + chunk(WORK, 0),
+        "clear_fib_v6": chunk(BY_TYPE, FIB6, msg(0x3240, 161, ((124, "I", 0),))),
+        "clear_routes": chunk(BY_TYPE, OSPF, v4routes) + chunk(BY_TYPE, 0, clear_routes) + chunk(WORK, 0)
+        + chunk(BY_TYPE, OSPF, msg(0x3215, 184, ((148, "I", 1), (156, "I", 1)))),
+        "clear_prefix": chunk(BY_TYPE, 0, clear_prefix),
+        "clear_answer_v6": chunk(BY_TYPE, BGP, msg(0x3222, 184, ((148, "I", 1), (152, "B", 2), (156, "I", 1)))),
+        "filter_on": chunk(BY_TYPE, 0, nm(0x3209, 96, ((80, "I", 16), (84, "I", 0), (88, "I", 0)))),
+        "filter_off_v6": chunk(BY_TYPE, 0, nm(0x3209, 96, ((80, "I", 17), (84, "I", 1), (88, "I", 2)))),
+        "rednld_ipm1": chunk(BY_TYPE, 0, nm(0x320A, 96, ((80, "I", 1), (84, "I", 0)))),
+        "route_count": chunk(BY_TYPE, 0, nm(0x327B, 92, ((80, "I", 0xFFFFFFFF), (84, "I", 0xFFFF), (88, "I", 0)))),
+        "route_count_page": chunk(BY_TYPE, 0, nm(0x327B, 92, ((80, "I", 2), (84, "I", 0), (88, "I", 3)))),
+        "dnld_clients": chunk(BY_TYPE, 0, nm(0x327D, 88, ((80, "I", 0), (84, "I", 0)))),
+        "swp_ack": chunk(BY_TYPE, FIB4, msg(0x0192, 72, ((68, "I", 0x321E),))),
+        "ifm_slot_done": chunk(BY_TYPE, 0, msg(0x2A9C, 148, ((128, "I", 1), (140, "H", 73), (142, "H", 8),
+                                                          (144, "I", 1)))),
+        "card_event": chunk(BY_TYPE, 0, msg(0x07D9, 72, ((64, "I", 0x44800E), (68, "I", 1)))),
+        "card_down": chunk(BY_TYPE, 0, msg(0x07D9, 72, ((64, "I", 7), (68, "I", 1)))),
+        "frame_own": b"".join(chunk(BY_TYPE, 0, msg(t, 68)) for t in (0x0AF4, 0x0AF5, 0x0AF6, 0x0C81, 0x0C82,
+                                                                         0x2A32, 0x07D3, 0x07D7))
+        + chunk(BY_TYPE, 0, msg(0x0008, 68, ((24, "I", 42),))),
+        "raw_unknown": chunk(RAW, 0, msg(0x321E, 68)) + chunk(RAW, 0, b"\x00" * 20),
+        "unknown_nm": chunk(BY_TYPE, 0, nm(0x3201)),
+    }
+    # A stretch of a session: routes in, an agent downloads, a clear, flushes, views.
+    seeds["session"] = (seeds["routes_v4"] + seeds["routes_v6"] + seeds["dnld_start"] + seeds["dnld_start_v6"]
+                        + seeds["clear_routes"] + seeds["route_count"] + seeds["dnld_clients"]
+                        + seeds["flush_swp"] + chunk(WORK, 5) + seeds["clear_fib"])
+    return seeds
+
+
 def main():
     out = sys.argv[1] if len(sys.argv) > 1 else "fuzz-seeds"
-    for target, seeds in (("fuzz_route_update", route_update_seeds()), ("fuzz_registration", registration_seeds())):
+    for target, seeds in (("fuzz_route_update", route_update_seeds()), ("fuzz_registration", registration_seeds()),
+                          ("fuzz_dispatch", dispatch_seeds())):
         d = os.path.join(out, target)
         os.makedirs(d, exist_ok=True)
         for name, data in seeds.items():
