@@ -3,46 +3,20 @@
 // record.
 #include <gtest/gtest.h>
 
-#include <cctype>
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "client/rtm_client_lib.h"
+#include "tests/support/hex.h"
 
 using namespace rtmclient;
+using rtmtest::cat;
+using rtmtest::hex;
 
 namespace {
 
-// "00 0a ff ..." with any spacing, '|' separators and line breaks; "//" starts a comment that
-// runs to the end of the line.
-std::vector<uint8_t> hex(const char *text) {
-  std::vector<uint8_t> out;
-  int hi = -1;
-  for (const char *p = text; *p; ++p) {
-    if (p[0] == '/' && p[1] == '/') {
-      while (p[1] && p[1] != '\n') ++p;
-      continue;
-    }
-    if (!isxdigit(static_cast<unsigned char>(*p))) continue;
-    int v = isdigit(static_cast<unsigned char>(*p)) ? *p - '0' : (tolower(*p) - 'a' + 10);
-    if (hi < 0) {
-      hi = v;
-    } else {
-      out.push_back(static_cast<uint8_t>(hi << 4 | v));
-      hi = -1;
-    }
-  }
-  return out;
-}
-
 std::vector<uint8_t> zeros(size_t n) { return std::vector<uint8_t>(n, 0); }
-
-std::vector<uint8_t> cat(std::initializer_list<std::vector<uint8_t>> parts) {
-  std::vector<uint8_t> out;
-  for (const auto &p : parts) out.insert(out.end(), p.begin(), p.end());
-  return out;
-}
 
 // An IPC header with only mlen and mtype set, as every encoder leaves it for the transport.
 std::vector<uint8_t> header(uint32_t mlen, uint32_t mtype) {

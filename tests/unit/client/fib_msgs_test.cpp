@@ -2,38 +2,18 @@
 // exactly these commands, and every way a message can be cut or bent is refused whole.
 #include <gtest/gtest.h>
 
-#include <cctype>
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "client/rtm_client_lib.h"
+#include "tests/support/hex.h"
 
 using namespace rtmclient;
 using rtm::st32;
+using rtmtest::hex;
 
 namespace {
-
-// "00 0a ff ..." with any spacing and separators; "//" comments run to the end of the line.
-std::vector<uint8_t> hex(const char *text) {
-  std::vector<uint8_t> out;
-  int hi = -1;
-  for (const char *p = text; *p; ++p) {
-    if (p[0] == '/' && p[1] == '/') {
-      while (p[1] && p[1] != '\n') ++p;
-      continue;
-    }
-    if (!isxdigit(static_cast<unsigned char>(*p))) continue;
-    int v = isdigit(static_cast<unsigned char>(*p)) ? *p - '0' : (tolower(*p) - 'a' + 10);
-    if (hi < 0) {
-      hi = v;
-    } else {
-      out.push_back(static_cast<uint8_t>(hi << 4 | v));
-      hi = -1;
-    }
-  }
-  return out;
-}
 
 // An IPv4 download of four commands, as rtmd lays one out.
 const char *const kV4 =

@@ -3,7 +3,6 @@
 // as long as the message, so a sanitizer build catches any over-read).
 #include <gtest/gtest.h>
 
-#include <cctype>
 #include <cstring>
 #include <memory>
 #include <random>
@@ -12,37 +11,12 @@
 
 #include "rtm/rtm_msgs.h"
 #include "rtm/rtm_types.h"
+#include "tests/support/hex.h"
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
-
-// Hex with free spacing; "00*124" repeats a byte; "#" starts a comment to the end of the line.
-Bytes hex(const std::string &text) {
-  Bytes out;
-  auto nib = [](char c) { return std::isdigit(uint8_t(c)) ? c - '0' : std::tolower(c) - 'a' + 10; };
-  size_t i = 0;
-  while (i < text.size()) {
-    const char c = text[i];
-    if (std::isspace(uint8_t(c))) {
-      i++;
-    } else if (c == '#') {
-      i = text.find('\n', i);
-      if (i == std::string::npos) break;
-    } else {
-      const uint8_t b = uint8_t(nib(text[i]) << 4 | nib(text[i + 1]));
-      i += 2;
-      size_t n = 1;
-      if (i < text.size() && text[i] == '*') {
-        size_t used = 0;
-        n = std::stoul(text.substr(i + 1), &used);
-        i += 1 + used;
-      }
-      out.insert(out.end(), n, b);
-    }
-  }
-  return out;
-}
+using rtmtest::hex;
 
 struct Nh {
   Bytes addr;
