@@ -81,19 +81,13 @@ TEST_F(Clients, MbgpSendsOnBgpsQueueWhicheverCameFirst) {
   EXPECT_TRUE(queueExists(q));
   EXPECT_EQ(rt_client_tbl[0][mbgp].rtc_redistQ, q);
   // MBGP leaving its family does not take BGP's queue with it.
-  Msg m(RTM_DEREG_AF_MSG_LEN, 0);
-  st32(m.data(), IPC_OFF_MLEN, RTM_DEREG_AF_MSG_LEN);
-  st32(m.data(), IPC_OFF_MTYPE, MT_RTM_DEREG_AF_CLIENT);
-  st32(m.data(), RTM_DEREG_OFF_CID, bgp);
-  m[RTM_DEREG_AF_OFF_AFINDEX] = IPV4MUL_AFINDEX;
-  send(p, m);
+  send(p, deregMsg(MT_RTM_DEREG_AF_CLIENT, bgp, IPV4MUL_AFINDEX));
   EXPECT_EQ(rtmClientGetByHandle(0, mbgp), nullptr);
   ASSERT_NE(rtmClientGetByHandle(0, bgp), nullptr);
   EXPECT_TRUE(queueExists(q));
   // BGP itself takes it, and an MBGP that came back stops using it.
   ASSERT_EQ(reg(p, {RTM_PROTO_MBGP, 3}, &mbgp), RTM_REG_OK);
-  m[RTM_DEREG_AF_OFF_AFINDEX] = RTM_IPV4UNI_AFINDEX;
-  send(p, m);
+  send(p, deregMsg(MT_RTM_DEREG_AF_CLIENT, bgp, RTM_IPV4UNI_AFINDEX));
   EXPECT_FALSE(queueExists(q));
   EXPECT_EQ(rtmClientGetByHandle(0, bgp), nullptr);
   EXPECT_EQ(rt_client_tbl[0][mbgp].rtc_redistQ, 0u);
@@ -163,12 +157,7 @@ TEST_F(Clients, AnAgentsTwoFamiliesShareOneQueueAndOneExpectedSequence) {
     EXPECT_EQ(r4->rtc_expSeqPtr, r6->rtc_expSeqPtr);
     EXPECT_EQ(r4->rtc_expSeqPtr[1], 3u);
     received(p);
-    Msg d(RTM_DEREG_MSG_LEN, 0);
-    st32(d.data(), IPC_OFF_MLEN, RTM_DEREG_MSG_LEN);
-    st32(d.data(), IPC_OFF_MTYPE, MT_RTM_DEREG_CLIENT);
-    st32(d.data(), RTM_DEREG_OFF_CID, ipv4First ? c6 : c4);
-    d[RTM_DEREG_OFF_AFINDEX] = ipv4First ? 2 : 0;
-    send(p, d);
+    send(p, deregMsg(MT_RTM_DEREG_CLIENT, ipv4First ? c6 : c4, ipv4First ? 2 : 0));
     rt_client *stays = ipv4First ? r4 : r6;
     ASSERT_EQ(stays->rtc_state, RTC_STATE_ACTIVE);
     EXPECT_TRUE(queueExists(q));
@@ -176,9 +165,7 @@ TEST_F(Clients, AnAgentsTwoFamiliesShareOneQueueAndOneExpectedSequence) {
     EXPECT_EQ(stays->rtc_paired, 0u);
     EXPECT_EQ(stays->rtc_expSeqPtr, stays->rtc_expSeq);
     EXPECT_EQ(stays->rtc_expSeq[1], 3u);
-    st32(d.data(), RTM_DEREG_OFF_CID, stays->rtc_cid);
-    d[RTM_DEREG_OFF_AFINDEX] = static_cast<uint8_t>(stays->rtc_afIndex);
-    send(p, d);
+    send(p, deregMsg(MT_RTM_DEREG_CLIENT, stays->rtc_cid, static_cast<uint8_t>(stays->rtc_afIndex)));
     EXPECT_FALSE(queueExists(q));
     received(p);
   }
@@ -227,11 +214,7 @@ TEST_F(Clients, BothFamiliesAtOnceOrNeither) {
   EXPECT_EQ(rtmClientGet(2, RTM_PROTO_OSPF, 4), nullptr);
 
   // Undoing both: IPv6 first, then IPv4.
-  Msg d(RTM_DEREG_BOTH_MSG_LEN, 0);
-  st32(d.data(), IPC_OFF_MLEN, RTM_DEREG_BOTH_MSG_LEN);
-  st32(d.data(), IPC_OFF_MTYPE, MT_RTM_DEREG_CLIENT_BOTH);
-  st32(d.data(), RTM_DEREG_OFF_CID, both);
-  send(p, d);
+  send(p, deregMsg(MT_RTM_DEREG_CLIENT_BOTH, both));
   EXPECT_EQ(rtmClientGet(0, RTM_PROTO_BGP, 1), nullptr);
   EXPECT_EQ(rtmClientGet(2, RTM_PROTO_BGP, 1), nullptr);
   std::vector<Msg> answers = ofType(received(p), MT_RTM_DEREG_CLIENT_BOTH);
@@ -313,11 +296,7 @@ TEST_F(Clients, DeregistrationRunsItsStepsInOrderAndYieldsWithTheRecordActive) {
     uint32_t walkers = main->rdl_walkers;
     qorThreadRunUntilIdle(rtmThreads);
     g_trace.clear();
-    Msg d(RTM_DEREG_MSG_LEN, 0);
-    st32(d.data(), IPC_OFF_MLEN, RTM_DEREG_MSG_LEN);
-    st32(d.data(), IPC_OFF_MTYPE, MT_RTM_DEREG_CLIENT);
-    st32(d.data(), RTM_DEREG_OFF_CID, cid);
-    send(p, d);
+    send(p, deregMsg(MT_RTM_DEREG_CLIENT, cid));
     EXPECT_EQ(g_trace, c.steps);
     EXPECT_EQ(rtmClientGetByHandle(0, cid), nullptr);
     EXPECT_EQ(rtc->rtc_proto, 0u);  // the record is zero
@@ -406,11 +385,9 @@ TEST_F(Clients, MalformedMessagesAreRefusedWithAnEventAndNothingApplied) {
   for (const Dereg &d : deregs) {
     SCOPED_TRACE(d.mtype);
     qorLogClearRecent();
-    Msg m(RTM_DEREG_MSG_LEN, 0);
+    Msg m = deregMsg(d.mtype == MT_RTM_DEREG_AF_CLIENT ? d.mtype : MT_RTM_DEREG_CLIENT, d.cid, d.af);
     st32(m.data(), IPC_OFF_MTYPE, d.mtype);
     st32(m.data(), IPC_OFF_MLEN, d.len);
-    st32(m.data(), RTM_DEREG_OFF_CID, d.cid);
-    m[d.mtype == MT_RTM_DEREG_AF_CLIENT ? RTM_DEREG_AF_OFF_AFINDEX : RTM_DEREG_OFF_AFINDEX] = d.af;
     m.resize(d.len);
     send(p, m);
     EXPECT_EQ(qorLogCount(d.event), 1u);
@@ -512,13 +489,8 @@ TEST_F(Clients, RegistrationWithoutMemoryLeavesNoTrace) {
 TEST_F(Clients, ArpAndNdpManagersGetAQueueOnceAndAnAnswer) {
   Peer &arp = open(790), &ndp = open(791);
   for (auto [peer, select] : {std::pair{&arp, RTM_NONRT_ARP}, std::pair{&ndp, RTM_NONRT_NDP}, std::pair{&arp, RTM_NONRT_ARP}}) {
-    Msg m(RTM_NONRT_MSG_LEN, 0);
-    st32(m.data(), IPC_OFF_MLEN, RTM_NONRT_MSG_LEN);
-    st32(m.data(), IPC_OFF_MTYPE, MT_RTM_REG_NONRT_CLIENT);
+    Msg m = nonRtMsg(*peer, select);
     st32(m.data(), RTM_REG_OFF_CID, 77);
-    st32(m.data(), RTM_NONRT_OFF_SELECT, select);
-    st32(m.data(), RTM_NONRT_OFF_SVCE, peer->svce);
-    st32(m.data(), RTM_NONRT_OFF_INST, peer->inst);
     st32(m.data(), RTM_NONRT_OFF_TASK, 5);
     send(*peer, m);
     std::vector<Msg> answers = ofType(received(*peer), MT_RTM_REG_NONRT_CLIENT);

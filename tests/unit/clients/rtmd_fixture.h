@@ -93,6 +93,29 @@ class RtmdTest : public ::testing::Test {
     return m;
   }
 
+  // A deregistration: of a client (family at its own offset), of one family, or of both (cid
+  // is then the pair).
+  static Msg deregMsg(uint32_t mtype, uint32_t cid, uint8_t af = 0) {
+    const bool one = mtype == MT_RTM_DEREG_AF_CLIENT, both = mtype == MT_RTM_DEREG_CLIENT_BOTH;
+    const uint32_t len = one ? RTM_DEREG_AF_MSG_LEN : both ? RTM_DEREG_BOTH_MSG_LEN : RTM_DEREG_MSG_LEN;
+    Msg m(len, 0);
+    rtm::st32(m.data(), IPC_OFF_MLEN, len);
+    rtm::st32(m.data(), IPC_OFF_MTYPE, mtype);
+    rtm::st32(m.data(), RTM_DEREG_OFF_CID, cid);
+    if (!both) m[one ? RTM_DEREG_AF_OFF_AFINDEX : RTM_DEREG_OFF_AFINDEX] = af;
+    return m;
+  }
+  // The ARP (select RTM_NONRT_ARP) or NDP manager announcing itself from peer p.
+  static Msg nonRtMsg(const Peer &p, uint32_t select) {
+    Msg m(RTM_NONRT_MSG_LEN, 0);
+    rtm::st32(m.data(), IPC_OFF_MLEN, RTM_NONRT_MSG_LEN);
+    rtm::st32(m.data(), IPC_OFF_MTYPE, MT_RTM_REG_NONRT_CLIENT);
+    rtm::st32(m.data(), RTM_NONRT_OFF_SELECT, select);
+    rtm::st32(m.data(), RTM_NONRT_OFF_SVCE, p.svce);
+    rtm::st32(m.data(), RTM_NONRT_OFF_INST, p.inst);
+    return m;
+  }
+
   // Sends msg (its mlen as written) from the peer to rtmd and lets rtmd handle all it has.
   void send(const Peer &p, Msg m) {
     ASSERT_TRUE(addressMessage(m.data(), p.queue(), RTM_SVCE, 0));

@@ -1,27 +1,16 @@
 // The frame's rules, driven in-process through the real sockets: the message budget and the
 // yield, the order of the two queues, the sequence check of client messages, bulk
 // configuration holding the main task, and the renumbering after a version wrap.
-#include <gtest/gtest.h>
+#include "tests/unit/clients/rtmd_fixture.h"
 
 #include <cstdlib>
 #include <sys/ioctl.h>
 #include <unistd.h>
-#include <cstring>
 #include <string>
-#include <vector>
 
 #include "chassis/qor_chassis.h"
-#include "clients/rtm_client.h"
-#include "frame/rtm_frame.h"
 #include "frame/rtm_mem.h"
-#include "ipc/qor_ipc.h"
-#include "log/qor_log.h"
 #include "rib/rtm_rib.h"
-#include "rtm/rtm_msgs.h"
-#include "rtm/rtm_wire.h"
-#include "swp/qor_swp.h"
-#include "tests/support/rtmd_process.h"
-#include "timer/qor_timer.h"
 
 using rtm::ld32;
 using rtm::st32;
@@ -30,31 +19,15 @@ namespace {
 constexpr uint32_t kPeerSvce = 901;
 std::vector<std::string> g_order;
 
-class Frame : public ::testing::Test {
+class Frame : public rtmtest::RtmdTest {
  protected:
   void SetUp() override {
-    qorLogReset();
-    qorLogSetEcho(false);
-    qorClockUseManual(true);
-    ASSERT_EQ(qorIpcSetRunDir(dir.path().c_str()), 0);
-    rtmClkRate = sysClkRateGet();
-    rtmThreads = qorThreadInit(&rtmThreadMain, 0);
-    ASSERT_GT(rtmThreads, 0);
-    ASSERT_EQ(rtmTaskInit(1), 0);
-    // Registrations are not what these tests are about.
-    rtmIfmRegState = rtmChmRegState = 1;
-    buffer.assign(RTM_IPC_BUF_SIZE, 0);
+    RtmdTest::SetUp();
     st.buffer = buffer.data();
     st.budget = rtmQueueReadMax;
     st.last = qorTickGet();
-    peer = qorIpcOpen(kPeerSvce, 0);
-    ASSERT_GE(peer, 0);
+    peer = open(kPeerSvce).key;
     g_order.clear();
-  }
-  void TearDown() override {
-    rtmFrameReset();
-    qorClockUseManual(false);
-    qorLogSetEcho(true);
   }
 
   // A plain message of `mtype` from the peer to RTM's request queue.
@@ -74,8 +47,6 @@ class Frame : public ::testing::Test {
     return b;
   }
 
-  rtmtest::TempDir dir;
-  std::vector<uint8_t> buffer;
   RtmLoopState st;
   int peer = -1;
 };
@@ -286,9 +257,6 @@ TEST_F(Frame, TableSetLifecycle) {
   EXPECT_TRUE(qorLogSaw("rib (7) not in use"));
 }
 
-}  // namespace
-
-namespace {
 // ---- Send paths and the TIC pipe ---------------------------------------------------------
 
 TEST_F(Frame, SendToAnEndpointThatDoesNotExistFailsWithoutALogLine) {

@@ -47,13 +47,7 @@ class NextHops : public rtmtest::RtmdTest {
 
   // The ARP (select 1) or NDP (2) manager announces itself from peer p.
   void manager(const Peer &p, uint32_t select) {
-    Msg m(RTM_NONRT_MSG_LEN, 0);
-    st32(m.data(), IPC_OFF_MLEN, RTM_NONRT_MSG_LEN);
-    st32(m.data(), IPC_OFF_MTYPE, MT_RTM_REG_NONRT_CLIENT);
-    st32(m.data(), RTM_NONRT_OFF_SELECT, select);
-    st32(m.data(), RTM_NONRT_OFF_SVCE, p.svce);
-    st32(m.data(), RTM_NONRT_OFF_INST, p.inst);
-    send(p, m);
+    send(p, nonRtMsg(p, select));
     received(p);
   }
 

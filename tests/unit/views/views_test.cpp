@@ -1,19 +1,10 @@
 // The route-count view: which rows a request selects, in what order, how pages are cut and
 // that the totals always cover the whole selection; and that the daemon answers it over its
 // request queue once rtmTaskInit has run.
-#include <gtest/gtest.h>
-
-#include <cstring>
-#include <vector>
+#include "tests/unit/clients/rtmd_fixture.h"
 
 #include "client/rtm_client_lib.h"
-#include "clients/rtm_client.h"
-#include "frame/rtm_frame.h"
-#include "ipc/qor_ipc.h"
-#include "log/qor_log.h"
 #include "rib/rtm_rib.h"
-#include "tests/support/rtmd_process.h"
-#include "timer/qor_timer.h"
 #include "views/rtm_views.h"
 
 using rtm::ld32;
@@ -22,18 +13,10 @@ namespace {
 
 constexpr uint32_t kOtherVrf = 5;
 
-class Views : public ::testing::Test {
+class Views : public rtmtest::RtmdTest {
  protected:
   void SetUp() override {
-    qorLogReset();
-    qorLogSetEcho(false);
-    qorClockUseManual(true);
-    ASSERT_EQ(qorIpcSetRunDir(dir.path().c_str()), 0);
-    rtmClkRate = sysClkRateGet();
-    rtmThreads = qorThreadInit(&rtmThreadMain, 0);
-    ASSERT_GT(rtmThreads, 0);
-    ASSERT_EQ(rtmTaskInit(1), 0);
-    rtmIfmRegState = rtmChmRegState = 1;
+    RtmdTest::SetUp();
     // Every slot of both families holds a client with counters that name it; clients 10 to
     // 12 of IPv4 also serve a second VRF.
     g_rtmVrfInUse[kOtherVrf] = 1;
@@ -51,9 +34,7 @@ class Views : public ::testing::Test {
   }
   void TearDown() override {
     g_rtmVrfInUse[kOtherVrf] = 0;
-    rtmFrameReset();
-    qorClockUseManual(false);
-    qorLogSetEcho(true);
+    RtmdTest::TearDown();
   }
   static void fill(rt_client &rtc, uint8_t af, uint32_t vrf) {
     ASSERT_EQ(rtmClientVrfInit(&rtc, vrf), 0);
@@ -77,8 +58,6 @@ class Views : public ::testing::Test {
     EXPECT_EQ(out.status, status);
     return out;
   }
-
-  rtmtest::TempDir dir;
 };
 
 TEST_F(Views, RouteCountSelectsPagesAndTotals) {
@@ -139,23 +118,20 @@ TEST_F(Views, RouteCountSelectsPagesAndTotals) {
 }
 
 TEST_F(Views, RouteCountIsAnsweredOverTheRequestQueue) {
-  int peer = qorIpcOpen(902, 0);
-  ASSERT_GE(peer, 0);
-  std::vector<uint8_t> req(RTM_IPC_BUF_SIZE, 0), buf(RTM_IPC_BUF_SIZE, 0);
+  rtmtest::Peer &p = open(902);
+  rtmtest::Msg req(RTM_RC_REQ_LEN, 0);
   rtmclient::encodeRouteCountRequest(RTM_IPV4UNI_AFINDEX, 0, 60, req.data(), req.size());
-  ASSERT_TRUE(rtmtest::addressMessage(req.data(), Key_getReqQueue(peer), RTM_SVCE, 0));
-  ASSERT_EQ(qorIpcSend(Key_getReqQueue(peer), req.data(), RTM_RC_REQ_LEN), 0);
-  ASSERT_EQ(rtmRecvFromAllQ(buf.data(), 0), 0);
-  int n = qorIpcRecv(Key_getReqQueue(peer), buf.data(), static_cast<uint32_t>(buf.size()), QOR_IPC_NOWAIT, 0, 0);
-  ASSERT_EQ(n, static_cast<int>(RTM_RC_OFF_ROWS + 4 * RTM_RC_ROW_LEN));
+  send(p, req);
+  std::vector<rtmtest::Msg> got = received(p);
+  ASSERT_EQ(got.size(), 1u);
+  ASSERT_EQ(got[0].size(), RTM_RC_OFF_ROWS + 4 * RTM_RC_ROW_LEN);
   rtmclient::RouteCountReply r;
-  ASSERT_EQ(rtmclient::decodeRouteCountReply(buf.data(), static_cast<size_t>(n), &r), RTM_WIRE_OK);
+  ASSERT_EQ(rtmclient::decodeRouteCountReply(got[0].data(), got[0].size(), &r), RTM_WIRE_OK);
   EXPECT_EQ(r.status, RTM_RC_OK);
   EXPECT_EQ(r.total, 64u);
   ASSERT_EQ(r.rows.size(), 4u);
   EXPECT_EQ(r.rows[3].cid, 63u);
-  EXPECT_EQ(ld32(buf.data(), RTM_NM_OFF_SUBCODE), MT_RTM_GET_ROUTE_COUNT);
-  qorIpcClose(peer);
+  EXPECT_EQ(ld32(got[0].data(), RTM_NM_OFF_SUBCODE), MT_RTM_GET_ROUTE_COUNT);
 }
 
 }  // namespace
