@@ -16,9 +16,10 @@
 // family where the row keeps them, and the expected sequence. Bits of `who` leave some of them
 // as the bytes say (see kKeep*), so the checks in front of the handlers are fuzzed too.
 //
-// The message sits at the start of an 8192-byte buffer as in the main loop. With
-// RTM_FUZZ_STRICT=1 the bytes past the received length are poisoned (under ASan), which turns
-// a read past the message into a finding; by default they hold a filler, as a stale buffer would.
+// The message sits at the start of an 8192-byte buffer as in the main loop. Under ASan the bytes
+// past the received length are poisoned, so that a handler reading past its message is a
+// finding (except for commands that build their answer in the buffer); RTM_FUZZ_STRICT=0
+// leaves them readable, holding a filler as a stale buffer would.
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -106,13 +107,21 @@ void address(uint8_t *msg, const Peer &p) {
   st32(msg, IPC_OFF_TGT_SVCE, qor_getQueueId(RTM_SVCE, 0, QOR_IPC_QUEUE_REQ));
 }
 
+// The row the switch will take for what g.buf holds, or nullptr.
+const RtmMsgInfo *rowOf(uint32_t len) {
+  const uint32_t mtype = ld32(g.buf, IPC_OFF_MTYPE);
+  if (mtype != MT_NM_CMD) return rtmMsgInfo(mtype);
+  return len >= RTM_NM_OFF_SUBCODE + 4 ? rtmNmCmdInfo(ld32(g.buf, RTM_NM_OFF_SUBCODE)) : nullptr;
+}
+
 // Hands len bytes of g.buf to the switch as the main loop does.
 void dispatch(uint32_t len) {
 #ifdef RTM_FUZZ_ASAN
-  // The switch reads the type of even a runt, from what the buffer held: the header is left
-  // readable.
-  const uint32_t from = std::max<uint32_t>(len, IPC_HDR_LEN);
-  if (g.strict) ASAN_POISON_MEMORY_REGION(g.buf + from, RTM_IPC_BUF_SIZE - from);
+  // A command that answers from its handler builds the answer in the buffer, past what arrived:
+  // only the others have the rest of the buffer poisoned.
+  const RtmMsgInfo *row = rowOf(len);
+  if (g.strict && !(row && row->reply == RTM_REPLY_IN_HANDLER))
+    ASAN_POISON_MEMORY_REGION(g.buf + len, RTM_IPC_BUF_SIZE - len);
 #endif
   rtmCurMsgLen = len;
   rtmMessageSwitch(g.buf);
@@ -304,9 +313,9 @@ void oneChunk(uint8_t sel, uint8_t who, const uint8_t *body, uint32_t n) {
   memset(g.buf, 0xBE, RTM_IPC_BUF_SIZE);
   memcpy(g.buf, body, n);
   if (sel >= 0xC0) {
-    // As the main loop takes a datagram off the request queue: a header that claims more than
-    // arrived is dropped there.
-    if (n >= IPC_HDR_LEN && ld32(g.buf, IPC_OFF_MLEN) > n) return;
+    // As the main loop takes a datagram off the request queue: a runt, or a header that claims
+    // more than arrived, is dropped there.
+    if (n < IPC_HDR_LEN || ld32(g.buf, IPC_OFF_MLEN) > n) return;
     dispatch(n);
     return;
   }
@@ -318,13 +327,12 @@ void oneChunk(uint8_t sel, uint8_t who, const uint8_t *body, uint32_t n) {
     row = g.rows[sel % g.rows.size()];
     nm = row->kind == RTM_KIND_N;
   } else {
-    const uint32_t mtype = ld32(g.buf, IPC_OFF_MTYPE);
-    nm = mtype == MT_NM_CMD;
-    row = nm ? (len >= RTM_NM_OFF_SUBCODE + 4 ? rtmNmCmdInfo(ld32(g.buf, RTM_NM_OFF_SUBCODE)) : nullptr)
-             : rtmMsgInfo(mtype);
+    nm = ld32(g.buf, IPC_OFF_MTYPE) == MT_NM_CMD;
+    row = rowOf(len);
     if (!row || row->kind == RTM_KIND_OUT) return;
   }
   dress(*row, nm, who, len);
+  if (ld32(g.buf, IPC_OFF_MLEN) > len) return;  // the main loop drops it
   if (g.verbose) fprintf(stderr, "%s who %#x len %u\n", row->name, who, len);
   dispatch(len);
 }
@@ -337,7 +345,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     g.buf = static_cast<uint8_t *>(malloc(RTM_IPC_BUF_SIZE));
     g.rx.resize(RTM_IPC_BUF_SIZE);
     const char *s = getenv("RTM_FUZZ_STRICT");
-    g.strict = s && *s == '1';
+    g.strict = !(s && *s == '0');
     const char *v = getenv("RTM_FUZZ_VERBOSE");
     g.verbose = v && *v == '1';
   }
