@@ -207,15 +207,18 @@ void rtmClearDownloadBit(uint8_t afIndex, rt_client *rtc) {
     qor_radix_tree *tree = rtmRibGetTree(afIndex, v);
     if (!tree) continue;
     rtmRibDeferWakeups(true);
-    forEachHead<rt_head, RibKey>(tree, afIndex, false, [&](rt_head *rth) {
-      if (!(rth->rtmh_redlist[byte] & bit)) return;
+    // Nothing here changes the tree's shape (a head only moves on the change list), so the
+    // walk steps from head to head instead of looking each next key up from the root.
+    for (qor_radix_hdr *h = qorRadixGetNext(tree, nullptr); h; h = qorRadixGetNext(tree, h)) {
+      rt_head *rth = rtmHeadOf(h);
+      if (!(rth->rtmh_redlist[byte] & bit)) continue;
       rth->rtmh_redlist[byte] &= uint8_t(~bit);
       // A withdrawn prefix that only this client still held: no walker will meet it again
       // unless it moves, and the walker that meets it with no holder left frees it.
       if (!rth->rtmh_rte && std::all_of(std::begin(rth->rtmh_redlist), std::end(rth->rtmh_redlist),
                                         [](uint8_t b) { return b == 0; }))
         updateRibVer(v, afIndex, tree, rth);
-    });
+    }
     rtmRibDeferWakeups(false);
   }
 }
