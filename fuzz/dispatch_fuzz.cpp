@@ -10,7 +10,9 @@
 //                   accepts: the message types, then the NM sub-codes);
 //   0x80..0xBF      the catalogue row is the one the bytes' own type (and NM sub-code) names;
 //   0xC0..0xFE      the bytes are a datagram as it arrives, used as they stand;
-//   0xFF            rtmd's follow-up work runs: the workers, the agents, the clock (`who` ticks).
+//   0xFF            rtmd's follow-up work runs: the workers, the peers, the clock (`who` & 0x3F
+//                   ticks, a hundred times that with 0x40); with 0x80 the peers stop acknowledging
+//                   until the next such chunk without it, so queues back up and fail.
 // For a catalogue message the harness writes what a real sender gets right and a mutation would
 // almost never hit: the type, mlen, the source address of peer `who`, the client handle and
 // family where the row keeps them, and the expected sequence. Bits of `who` leave some of them
@@ -83,6 +85,7 @@ struct Rig {
   std::vector<uint8_t> rx;               // a peer's receive buffer
   unsigned inputs = 0;
   bool strict = false;
+  bool mute = false;     // the peers read but do not acknowledge
   bool verbose = false;  // RTM_FUZZ_VERBOSE=1: what each chunk was and what the peers got
 };
 Rig g;
@@ -153,7 +156,7 @@ bool drainPeers() {
       const bool sequenced = (row && row->kind == RTM_KIND_OUT) || mtype == MT_RTM_DNLD_CNTRL ||
                              mtype == MT_RTM_CLR_ROUTE || mtype == MT_RTM6_CLR_ROUTE ||
                              mtype == MT_RTM_FIB_ISSU_EVENT;
-      if (sequenced) qorSwpCkSeqAndAck(g.rx.data(), &p.ackSeq, Key_getReqQueue(p.key));
+      if (sequenced && !g.mute) qorSwpCkSeqAndAck(g.rx.data(), &p.ackSeq, Key_getReqQueue(p.key));
     }
   }
   return any;
@@ -162,7 +165,10 @@ bool drainPeers() {
 // rtmd's follow-up work: the workers run until they rest, the peers answer, rtmd reads the
 // answers; a bounded number of rounds, since a peer that keeps acknowledging keeps it busy.
 void followUp(unsigned ticks) {
-  if (ticks) qorClockAdvance(ticks);
+  if (ticks) {
+    qorClockAdvance(ticks);
+    qorSwpRunTimers();  // what the loop does when the SWP pipe wakes it, without waiting for it
+  }
   for (int round = 0; round < 16; ++round) {
     qorThreadRunUntilIdle(rtmThreads);
     const bool any = drainPeers();
@@ -210,6 +216,7 @@ void registerClient(unsigned peer, uint32_t mtype, uint32_t proto, uint8_t af, u
 }
 
 void closePeers() {
+  g.mute = false;
   for (Peer &p : g.peers) qorIpcClose(p.key);
   g.peers.clear();
   g.clients.clear();
@@ -307,7 +314,8 @@ void dress(const RtmMsgInfo &row, bool nm, uint8_t who, uint32_t len) {
 
 void oneChunk(uint8_t sel, uint8_t who, const uint8_t *body, uint32_t n) {
   if (sel == 0xFF) {
-    followUp(who);
+    g.mute = who & 0x80;
+    followUp((who & 0x40 ? 100u : 1u) * (who & 0x3F));
     return;
   }
   memset(g.buf, 0xBE, RTM_IPC_BUF_SIZE);

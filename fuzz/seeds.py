@@ -183,6 +183,10 @@ def dispatch_seeds():
         "raw_unknown": chunk(RAW, 0, msg(0x321E, 68)) + chunk(RAW, 0, b"\x00" * 20),
         "unknown_nm": chunk(BY_TYPE, 0, nm(0x3201)),
     }
+    # An agent that stops acknowledging: its queue backs up, is retried and fails; then it asks again.
+    mute = chunk(WORK, 0x80 | 0x40 | 0x3F)  # no acknowledgements, and a minute passes
+    seeds["agent_stalls"] = (chunk(WORK, 0x80) + chunk(BY_TYPE, OSPF, v4routes) + b"".join(mute for _ in range(8))
+                             + seeds["dnld_clients"] + chunk(WORK, 1) + seeds["dnld_start"] + seeds["dnld_clients"])
     # A stretch of a session: routes in, an agent downloads, a clear, flushes, views.
     seeds["session"] = (seeds["routes_v4"] + seeds["routes_v6"] + seeds["dnld_start"] + seeds["dnld_start_v6"]
                         + seeds["clear_routes"] + seeds["route_count"] + seeds["dnld_clients"]
