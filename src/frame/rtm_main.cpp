@@ -186,7 +186,9 @@ int rtmRecvFromAllQ(uint8_t *buffer, int wait) {
   // A look that cannot block needs no stretch when it finds work: letting go of the baton
   // would cost two thread hand-offs per message in a burst, and the workers get their turn at
   // the yield after the budget. Only when nothing is ready do the workers run during the select.
-  if (timeoutMs == 0) {
+  // A bulk configuration is the exception: the loop does not yield then, so the stretch is the
+  // workers' only turn and is always opened.
+  if (timeoutMs == 0 && rtmCfgDnldInProg != 1) {
     rc = poll(fds, N, 0);
     err = errno;
   }

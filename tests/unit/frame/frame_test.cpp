@@ -52,6 +52,8 @@ class Frame : public rtmtest::RtmdTest {
 };
 
 TEST_F(Frame, AHundredAndFiftyMessagesThenOneYieldAndTheBudgetIsReloaded) {
+  // Workers woken by the start-up have their turns first, so that the yield below finds none.
+  qorThreadRunUntilIdle(rtmThreads);
   // The kernel holds ten datagrams per socket, so the peer feeds them as the loop drains them.
   for (int i = 0; i < 150; ++i) {
     if (i % 8 == 0)
@@ -132,7 +134,24 @@ TEST_F(Frame, SequenceCheckOfClientMessages) {
   }
 }
 
+TEST_F(Frame, WaitingMessagesAreHandledWithoutAWorkerTurnUntilTheBudgetEnds) {
+  qorThreadRunUntilIdle(rtmThreads);
+  QorThreadStats before{}, after{};
+  qorThreadGetStats(rtmThreads, rtmThreadRteDn, &before);
+  qorThreadResume(rtmThreads, rtmThreadRteDn);
+  st.wait = 0;
+  for (int i = 0; i < 3; ++i) send(MT_RTM_IGNORED);
+  for (int i = 0; i < 3; ++i) rtmMainLoopPass(st);
+  qorThreadGetStats(rtmThreads, rtmThreadRteDn, &after);
+  EXPECT_EQ(after.turns, before.turns);
+  EXPECT_EQ(rtmLoopStats.handled, 3u);
+  rtmMainLoopPass(st);  // nothing waits: the stretch of the empty look gives the worker its turn
+  qorThreadGetStats(rtmThreads, rtmThreadRteDn, &after);
+  EXPECT_GT(after.turns, before.turns);
+}
+
 TEST_F(Frame, BulkConfigurationHoldsTheMainTaskButWorkersStillRun) {
+  qorThreadRunUntilIdle(rtmThreads);  // the download thread is then the only one to run
   send(MT_CFG_START_BLK_CFG_NOTIF);
   rtmMainLoopPass(st);
   ASSERT_EQ(rtmCfgDnldInProg, 1u);
