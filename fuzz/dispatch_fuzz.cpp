@@ -25,6 +25,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <vector>
 
 #include "clients/rtm_client.h"
@@ -177,41 +178,51 @@ void followUp(unsigned ticks) {
   }
 }
 
-uint32_t openPeer(uint32_t svce) {
-  Peer p;
-  p.key = qorIpcOpen(svce, 0);
-  if (p.key < 0) abort();
-  p.svce = svce;
-  g.peers.push_back(p);
-  return uint32_t(g.peers.size() - 1);
-}
+// The registrations the peers make, in the order of the clients `who` names (a registration of
+// both families gives two clients).
+struct Registration {
+  uint32_t svce, mtype, proto;
+  uint8_t af;
+  uint32_t instance;
+};
+constexpr Registration kRegs[] = {
+    {901, MT_RTM_REG_CLIENT, RTM_PROTO_OSPF, RTM_IPV4UNI_AFINDEX, 0},
+    {902, MT_RTM_REG_CLIENT, RTM_PROTO_BGP, RTM_IPV6UNI_AFINDEX, 0},
+    {903, MT_RTM_REG_CLIENT_BOTH, RTM_PROTO_ISIS, RTM_IPV4UNI_AFINDEX, 0},
+    {904, MT_RTM_REG_CLIENT, RTM_PROTO_FIB, RTM_IPV4UNI_AFINDEX, 1},  // FIB agents of slots 1 and 2
+    {905, MT_RTM_REG_CLIENT, RTM_PROTO_FIB, RTM_IPV6UNI_AFINDEX, 2},
+};
+constexpr size_t kClients = 6;
 
-// Registers through the switch, as a received registration message; the answer on the peer's
-// socket names the handle (both handles for a registration of both families).
-void registerClient(unsigned peer, uint32_t mtype, uint32_t proto, uint8_t af, uint32_t instance) {
+// Registers peer `i` through the switch, as a received registration message; the answer on the
+// peer's socket names the handle (both handles for a registration of both families). False
+// when no answer or a refusal came.
+bool registerPeer(unsigned i) {
+  const Registration &r = kRegs[i];
   memset(g.buf, 0, RTM_IPC_BUF_SIZE);
   st32(g.buf, IPC_OFF_MLEN, RTM_REG_MSG_LEN);
-  st32(g.buf, IPC_OFF_MTYPE, mtype);
-  address(g.buf, g.peers[peer]);
+  st32(g.buf, IPC_OFF_MTYPE, r.mtype);
+  address(g.buf, g.peers[i]);
   memcpy(g.buf + RTM_REG_OFF_NAME, "fuzz", 4);
-  st32(g.buf, RTM_REG_OFF_PROTO, proto);
-  st32(g.buf, RTM_REG_OFF_INSTANCE, instance);
-  st32(g.buf, RTM_REG_OFF_SVCE, g.peers[peer].svce);
-  g.buf[RTM_REG_OFF_AFINDEX] = af;
+  st32(g.buf, RTM_REG_OFF_PROTO, r.proto);
+  st32(g.buf, RTM_REG_OFF_INSTANCE, r.instance);
+  st32(g.buf, RTM_REG_OFF_SVCE, r.svce);
+  g.buf[RTM_REG_OFF_AFINDEX] = r.af;
   dispatch(RTM_REG_MSG_LEN);
+  const unsigned slot = i < 3 ? i : i + 1;
   for (;;) {
-    int n = qorIpcRecv(Key_getReqQueue(g.peers[peer].key), g.rx.data(), RTM_IPC_BUF_SIZE, QOR_IPC_NOWAIT, 0, 0);
-    if (n <= 0) break;
-    if (size_t(n) < RTM_REG_MSG_LEN || ld32(g.rx.data(), IPC_OFF_MTYPE) != mtype) continue;
-    if (ld32(g.rx.data(), IPC_OFF_MSTATUS) != RTM_REG_OK) break;
+    int n = qorIpcRecv(Key_getReqQueue(g.peers[i].key), g.rx.data(), RTM_IPC_BUF_SIZE, QOR_IPC_NOWAIT, 0, 0);
+    if (n <= 0) return false;
+    if (size_t(n) < RTM_REG_MSG_LEN || ld32(g.rx.data(), IPC_OFF_MTYPE) != r.mtype) continue;
+    if (ld32(g.rx.data(), IPC_OFF_MSTATUS) != RTM_REG_OK) return false;
     const uint32_t cid = ld32(g.rx.data(), RTM_REG_OFF_CID);
-    if (mtype == MT_RTM_REG_CLIENT_BOTH) {
-      g.clients.push_back({peer, RTM_IPV4UNI_AFINDEX, rtmRegBothCid4(cid)});
-      g.clients.push_back({peer, RTM_IPV6UNI_AFINDEX, rtmRegBothCid6(cid)});
+    if (r.mtype == MT_RTM_REG_CLIENT_BOTH) {
+      g.clients[slot] = {i, RTM_IPV4UNI_AFINDEX, rtmRegBothCid4(cid)};
+      g.clients[slot + 1] = {i, RTM_IPV6UNI_AFINDEX, rtmRegBothCid6(cid)};
     } else {
-      g.clients.push_back({peer, af, cid});
+      g.clients[slot] = {i, r.af, cid};
     }
-    return;
+    return true;
   }
 }
 
@@ -224,18 +235,30 @@ void closePeers() {
 
 void bringUp() {
   for (uint8_t &s : rtmRcvdDnldCmpFrmIfm) s = 1;  // every slot's interfaces are known
-  const unsigned ospf = openPeer(901), bgp = openPeer(902), isis = openPeer(903);
-  const unsigned fib4 = openPeer(904), fib6 = openPeer(905);
-  registerClient(ospf, MT_RTM_REG_CLIENT, RTM_PROTO_OSPF, RTM_IPV4UNI_AFINDEX, 0);
-  registerClient(bgp, MT_RTM_REG_CLIENT, RTM_PROTO_BGP, RTM_IPV6UNI_AFINDEX, 0);
-  registerClient(isis, MT_RTM_REG_CLIENT_BOTH, RTM_PROTO_ISIS, RTM_IPV4UNI_AFINDEX, 0);
-  registerClient(fib4, MT_RTM_REG_CLIENT, RTM_PROTO_FIB, RTM_IPV4UNI_AFINDEX, 1);
-  registerClient(fib6, MT_RTM_REG_CLIENT, RTM_PROTO_FIB, RTM_IPV6UNI_AFINDEX, 2);
-  if (g.clients.size() != 6) {
-    fprintf(stderr, "fuzz: %zu of 6 registrations answered\n", g.clients.size());
-    abort();
+  g.clients.assign(kClients, Client{0, 0, 0});
+  for (unsigned i = 0; i < std::size(kRegs); ++i) {
+    Peer p;
+    p.key = qorIpcOpen(kRegs[i].svce, 0);
+    p.svce = kRegs[i].svce;
+    if (p.key < 0) abort();
+    g.peers.push_back(p);
+    if (!registerPeer(i)) {
+      fprintf(stderr, "fuzz: registration %u was not answered\n", i);
+      abort();
+    }
   }
   followUp(0);
+}
+
+// An input may have deregistered one of the clients or taken its handle over: it registers
+// again, so that the messages of every client keep reaching their handlers.
+void keepClients() {
+  for (const Client &c : g.clients) {
+    const rt_client *rtc = rtmClientGetByHandle(c.af, c.cid);
+    if (rtc && rtc->rtc_proto == kRegs[c.peer].proto) continue;
+    registerPeer(c.peer);
+    g.peers[c.peer].ackSeq = 1;  // a new client's queues number from 1
+  }
 }
 
 // The expected sequence of a client's next message, or 0 when it has none to offer.
@@ -357,7 +380,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const char *v = getenv("RTM_FUZZ_VERBOSE");
     g.verbose = v && *v == '1';
   }
-  if (rtmfuzz::daemonForInput(kResetEvery, closePeers)) bringUp();
+  if (rtmfuzz::daemonForInput(kResetEvery, closePeers))
+    bringUp();
+  else
+    keepClients();
   size_t off = 0;
   for (int chunks = 0; chunks < 64 && size - off >= 4; ++chunks) {
     const uint8_t sel = data[off], who = data[off + 1];
