@@ -62,13 +62,14 @@ namespace {
 constexpr uint8_t kKeepClient = 0x08;  // leave the handle and the family as the bytes say
 constexpr uint8_t kKeepSeq = 0x10;     // leave the sequence word as the bytes say
 constexpr uint8_t kKeepLen = 0x20;     // leave mlen as the bytes say
-constexpr unsigned kResetEvery = 400;
+constexpr unsigned kResetEvery = 256;
 constexpr unsigned kWorkEvery = 16;  // inputs between two runs of the follow-up work anyway
 
 struct Peer {
   int key = -1;
   uint32_t svce = 0;
   uint32_t ackSeq = 1;  // next sequence this peer takes from rtmd
+  uint32_t card = 0, queueId = 0, rtmdCard = 0;  // the addresses its messages carry
 };
 
 // A registered client: the peer that speaks for it, its family and handle.
@@ -99,15 +100,11 @@ void buildRows() {
 
 // Writes the source fields of msg as peer p's, the target as rtmd's request queue.
 void address(uint8_t *msg, const Peer &p) {
-  uint32_t card = 0, qid = 0;
-  qorIpcQueueAddr(Key_getReqQueue(p.key), &card, &qid);
-  int32_t err = 0;
-  const int32_t rtmd = qor_tmeGetPeerIpAddrByName(RTM_SVCE, 0, &err);
   st32(msg, IPC_OFF_SRC_SLOT, 0);
-  st32(msg, IPC_OFF_SRC_CARD, card);
-  st32(msg, IPC_OFF_SRC_SVCE, qid);
+  st32(msg, IPC_OFF_SRC_CARD, p.card);
+  st32(msg, IPC_OFF_SRC_SVCE, p.queueId);
   st32(msg, IPC_OFF_TGT_SLOT, 0);
-  st32(msg, IPC_OFF_TGT_CARD, static_cast<uint32_t>(rtmd));
+  st32(msg, IPC_OFF_TGT_CARD, p.rtmdCard);
   st32(msg, IPC_OFF_TGT_SVCE, qor_getQueueId(RTM_SVCE, 0, QOR_IPC_QUEUE_REQ));
 }
 
@@ -240,7 +237,9 @@ void bringUp() {
     Peer p;
     p.key = qorIpcOpen(kRegs[i].svce, 0);
     p.svce = kRegs[i].svce;
-    if (p.key < 0) abort();
+    if (p.key < 0 || qorIpcQueueAddr(Key_getReqQueue(p.key), &p.card, &p.queueId) != 0) abort();
+    int32_t err = 0;
+    p.rtmdCard = static_cast<uint32_t>(qor_tmeGetPeerIpAddrByName(RTM_SVCE, 0, &err));
     g.peers.push_back(p);
     if (!registerPeer(i)) {
       fprintf(stderr, "fuzz: registration %u was not answered\n", i);
@@ -256,7 +255,9 @@ void keepClients() {
   for (const Client &c : g.clients) {
     const rt_client *rtc = rtmClientGetByHandle(c.af, c.cid);
     if (rtc && rtc->rtc_proto == kRegs[c.peer].proto) continue;
-    registerPeer(c.peer);
+    if (g.verbose) fprintf(stderr, "client %u/%u of peer %u registers again\n", c.af, c.cid, kRegs[c.peer].svce);
+    const bool ok = registerPeer(c.peer);
+    if (g.verbose && !ok) fprintf(stderr, "  refused\n");
     g.peers[c.peer].ackSeq = 1;  // a new client's queues number from 1
   }
 }
