@@ -17,9 +17,19 @@
 #include "client/rtm_client_lib.h"
 #include "ipc/qor_ipc.h"
 #include "log/qor_log.h"
+#include "tools/common/rtm_tool_cli.h"
 #include "tools/rtm-feed/feed_routes.h"
 
 namespace {
+
+using rtmtool::die;
+using rtmtool::g_stop;
+using rtmtool::onSignal;
+using rtmtool::usageError;
+using rtmtool::withCommas;
+uint64_t number(const std::string &opt, const char *text, uint64_t min, uint64_t max) {
+  return rtmtool::number(opt, text, min, max, 0);  // counts and seeds may be given in hex
+}
 
 const char kUsage[] =
     "usage: rtm-feed [--run-dir DIR] --proto NAME --inst N [--vrf V]\n"
@@ -48,29 +58,6 @@ const char kUsage[] =
     "  --window W        update messages in flight unacknowledged (default 24)\n"
     "  --quiet           print only errors and the rate line\n"
     "  --help            print this text\n";
-
-volatile sig_atomic_t g_stop;
-void onSignal(int) { g_stop = 1; }
-
-[[noreturn]] void usageError(const std::string &what) {
-  fprintf(stderr, "rtm-feed: %s\n(rtm-feed --help for the options)\n", what.c_str());
-  exit(2);
-}
-
-[[noreturn]] void die(const std::string &what) {
-  fprintf(stderr, "rtm-feed: %s\n", what.c_str());
-  exit(1);
-}
-
-uint64_t number(const std::string &opt, const char *text, uint64_t min, uint64_t max) {
-  char *end = nullptr;
-  errno = 0;
-  unsigned long long v = strtoull(text, &end, 0);
-  if (!*text || *end || errno || text[0] == '-' || v < min || v > max)
-    usageError(opt + " takes a number from " + std::to_string(min) + " to " + std::to_string(max) + ", not '" +
-               text + "'");
-  return v;
-}
 
 struct Args {
   std::string runDir, proto, file;
@@ -193,15 +180,10 @@ void forEachRoute(const Args &a, const rtmfeed::RouteFile &file, Fn &&fn) {
     if (!fn(r)) return;
 }
 
-std::string withCommas(uint64_t v) {
-  std::string s = std::to_string(v);
-  for (int i = static_cast<int>(s.size()) - 3; i > 0; i -= 3) s.insert(static_cast<size_t>(i), ",");
-  return s;
-}
-
 }  // namespace
 
 int main(int argc, char **argv) {
+  rtmtool::g_prog = "rtm-feed";
   Args a = parseArgs(argc, argv);
   qorLogSetProgram("rtm-feed");
   if (!a.runDir.empty() && qorIpcSetRunDir(a.runDir.c_str()) != 0) usageError("run directory path too long");

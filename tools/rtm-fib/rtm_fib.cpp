@@ -19,8 +19,16 @@
 #include "client/rtm_client_lib.h"
 #include "ipc/qor_ipc.h"
 #include "log/qor_log.h"
+#include "tools/common/rtm_tool_cli.h"
 
 namespace {
+
+using rtmtool::die;
+using rtmtool::g_stop;
+using rtmtool::onSignal;
+using rtmtool::usageError;
+using rtmtool::withCommas;
+using rtmtool::number;
 
 const char kUsage[] =
     "usage: rtm-fib [--run-dir DIR] [--family ipv4|ipv6] [--slot N] [--vrf V] [options]\n"
@@ -51,29 +59,6 @@ const char kUsage[] =
     "\n"
     "Without --expect it runs until SIGINT or SIGTERM. An IPv4 agent is refused until the\n"
     "interface manager has reported the slot's interfaces complete (rtm-ifm --slots).\n";
-
-volatile sig_atomic_t g_stop;
-void onSignal(int) { g_stop = 1; }
-
-[[noreturn]] void usageError(const std::string &what) {
-  fprintf(stderr, "rtm-fib: %s\n(rtm-fib --help for the options)\n", what.c_str());
-  exit(2);
-}
-
-[[noreturn]] void die(const std::string &what) {
-  fprintf(stderr, "rtm-fib: %s\n", what.c_str());
-  exit(1);
-}
-
-uint64_t number(const std::string &opt, const char *text, uint64_t min, uint64_t max) {
-  char *end = nullptr;
-  errno = 0;
-  unsigned long long v = strtoull(text, &end, 10);
-  if (!*text || *end || errno || text[0] == '-' || v < min || v > max)
-    usageError(opt + " takes a number from " + std::to_string(min) + " to " + std::to_string(max) + ", not '" +
-               text + "'");
-  return v;
-}
 
 struct Args {
   std::string runDir, dump;
@@ -144,16 +129,6 @@ Args parseArgs(int argc, char **argv) {
   return a;
 }
 
-std::string withCommas(uint64_t v) {
-  const std::string digits = std::to_string(v);
-  std::string s;
-  for (size_t i = 0; i < digits.size(); ++i) {
-    if (i && (digits.size() - i) % 3 == 0) s += ',';
-    s += digits[i];
-  }
-  return s;
-}
-
 // CPU seconds this process has used, user and system.
 double cpuNow() {
   struct rusage ru {};
@@ -207,6 +182,7 @@ int showClients(const Args &a, uint8_t af) {
 }  // namespace
 
 int main(int argc, char **argv) {
+  rtmtool::g_prog = "rtm-fib";
   Args a = parseArgs(argc, argv);
   qorLogSetProgram("rtm-fib");
   if (!a.runDir.empty() && qorIpcSetRunDir(a.runDir.c_str()) != 0) usageError("run directory path too long");
