@@ -265,6 +265,24 @@ bool addressToRtmd(uint8_t *msg) {
   return true;
 }
 
+std::string exchangeRegistration(int key, const RegRequest &req, uint32_t replyType, int retries, int waitMs,
+                                 RegReply *rr) {
+  uint8_t msg[REG_MSG_LEN], reply[RTM_IPC_BUF_SIZE];
+  const size_t len = encodeRegister(req, msg, sizeof msg);
+  if (!len) return "registration does not encode";
+  if (!addressToRtmd(msg)) return std::string("rtmd is not running in ") + qorIpcGetRunDir();
+  if (qorIpcSendWaitWithRetry(key, msg, reply, static_cast<uint32_t>(len), sizeof reply, retries, replyType, waitMs,
+                              0) != 0) {
+    const int e = errno;
+    if (e == QOR_IPC_ETIMEDOUT) return "rtmd did not answer the registration";
+    return std::string("registration could not be sent: ") + strerror(e);
+  }
+  if (decodeRegReply(reply, sizeof reply, rr) != RTM_WIRE_OK) return "malformed registration reply";
+  if (rr->status == 0 && rr->cid >= MAX_RTM_CLEINTS)
+    return "rtmd answered an impossible client handle " + std::to_string(rr->cid);
+  return {};
+}
+
 int queryRouteCount(int key, uint32_t afIndex, uint32_t vrfId, RouteCountReply *out, int attemptMs, int retries) {
   *out = RouteCountReply{};
   std::vector<uint8_t> req(RTM_IPC_BUF_SIZE), reply(RTM_IPC_BUF_SIZE);

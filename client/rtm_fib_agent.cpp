@@ -55,8 +55,10 @@ std::string formatFibRoute(const FibPrefix &p, const FibRoute &r) {
   if (r.weighted) s += " weighted";
   s += " nh";
   for (const FibNextHop &nh : r.nh) {
-    s += " " + addrToString(p.afIndex, nh.addr) + "%" + std::to_string(nh.ifindex) + "@" + std::to_string(nh.vrfId);
-    if (r.weighted) s += "*" + std::to_string(nh.weight);
+    // Appended piece by piece: "literal" + std::string&& trips a false -Wrestrict of g++ 12.
+    s.append(" ").append(addrToString(p.afIndex, nh.addr)).append("%").append(std::to_string(nh.ifindex));
+    s.append("@").append(std::to_string(nh.vrfId));
+    if (r.weighted) s.append("*").append(std::to_string(nh.weight));
   }
   if (!r.tlv.empty()) {
     s += " tlv ";
@@ -109,22 +111,13 @@ int FibAgent::registerAgent() {
   req.ipcInst = opts_.inst;
   req.filter = opts_.filter;
   req.afIndex = opts_.afIndex;
-  uint8_t msg[REG_MSG_LEN], reply[RTM_IPC_BUF_SIZE];
-  const size_t len = encodeRegister(req, msg, sizeof msg);
-  if (!len) return fail("registration does not encode");
-  if (!addressToRtmd(msg)) return fail(std::string("rtmd is not running in ") + qorIpcGetRunDir());
-  if (qorIpcSendWaitWithRetry(key_, msg, reply, static_cast<uint32_t>(len), sizeof reply, opts_.replyRetries,
-                              MT_RTM_REG_CLIENT, opts_.replyWaitMs, 0) != 0) {
-    const int e = errno;
-    if (e == QOR_IPC_ETIMEDOUT) return fail("rtmd did not answer the registration");
-    return fail(std::string("registration could not be sent: ") + strerror(e));
-  }
   RegReply rr;
-  if (decodeRegReply(reply, sizeof reply, &rr) != RTM_WIRE_OK) return fail("malformed registration reply");
+  if (std::string err = exchangeRegistration(key_, req, MT_RTM_REG_CLIENT, opts_.replyRetries, opts_.replyWaitMs, &rr);
+      !err.empty())
+    return fail(err);
   if (rr.status != 0)
     return fail(std::string("rtmd refused the ") + (v6 ? "FIB6" : "FIB") + " registration" +
                 (v6 ? "" : " (has the interface manager reported the slot's interfaces complete?)"));
-  if (rr.cid >= MAX_RTM_CLEINTS) return fail("rtmd answered an impossible client handle " + std::to_string(rr.cid));
   if (!queue_ && qorSwpQueueCreate_p(0, 0, opts_.window, opts_.size, opts_.svce, opts_.inst, key_, RTM_SVCE, 0, 0, 0,
                                      0, freeMessage, queueFailed, &queue_, -1) != QOR_SWP_OK) {
     queue_ = 0;

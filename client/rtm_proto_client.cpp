@@ -115,22 +115,13 @@ int ProtoClient::registerFamily(uint8_t afIndex) {
   req.card = QOR_IPC_LOCAL_CARD;
   req.ipcInst = opts_.inst;
   req.afIndex = afIndex;
-  uint8_t msg[REG_MSG_LEN], reply[RTM_IPC_BUF_SIZE];
-  size_t len = encodeRegister(req, msg, sizeof msg);
-  if (!len) return fail("registration does not encode");
-  if (!addressToRtmd(msg)) return fail(std::string("rtmd is not running in ") + qorIpcGetRunDir());
-  if (qorIpcSendWaitWithRetry(key_, msg, reply, static_cast<uint32_t>(len), sizeof reply, opts_.replyRetries,
-                              opts_.regType, opts_.replyWaitMs, 0) != 0) {
-    const int e = errno;
-    if (e == QOR_IPC_ETIMEDOUT) return fail("rtmd did not answer the registration");
-    return fail(std::string("registration could not be sent: ") + strerror(e));
-  }
   RegReply rr;
-  if (decodeRegReply(reply, sizeof reply, &rr) != RTM_WIRE_OK) return fail("malformed registration reply");
+  if (std::string err = exchangeRegistration(key_, req, opts_.regType, opts_.replyRetries, opts_.replyWaitMs, &rr);
+      !err.empty())
+    return fail(err);
   if (rr.status != 0)
     return fail(std::string("rtmd refused the ") + familyName(afIndex) + " registration (status " +
                 std::to_string(rr.status) + ")");
-  if (rr.cid >= MAX_RTM_CLEINTS) return fail("rtmd answered an impossible client handle " + std::to_string(rr.cid));
 
   int rc = qorSwpQueueCreate_p(0, 0, opts_.window, opts_.size, opts_.svce, opts_.inst, key_, RTM_SVCE, 0, 0, 0, 0,
                                freeMessage, queueFailed, &f->queue, -1);
