@@ -124,7 +124,9 @@ TEST_F(Frame, SequenceCheckOfClientMessages) {
     EXPECT_EQ(rtc.rtc_expSeq[1], c.runs ? c.expected + 1 : c.expected);
     std::vector<uint8_t> ack = peerRecv();
     bool isAck = !ack.empty() && ld32(ack.data(), IPC_OFF_MTYPE) == MT_SWP_ACK;
-    if (c.acked >= 0) EXPECT_EQ(isAck, c.acked == 1);
+    if (c.acked >= 0) {
+      EXPECT_EQ(isAck, c.acked == 1);
+    }
     if (isAck && c.acked == 1) {
       EXPECT_EQ(ld32(ack.data(), SWP_OFF_QUEUE), 77u);
       EXPECT_EQ(ld32(ack.data(), SWP_OFF_ACK_WORD), 0u);  // the family, put in place of the type
