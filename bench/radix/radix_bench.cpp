@@ -95,7 +95,7 @@ Dataset makeDataset(unsigned bits, size_t count, const LenShare (&lengths)[N], u
   seen.reserve(count * 2);
   for (size_t i = 0; i < count;) {
     BenchHead &h = d.heads[i];
-    std::memset(&h, 0, sizeof h);
+    std::memset(static_cast<void *>(&h), 0, sizeof h);
     h.plen = uint8_t(drawLen(rng, lengths));
     randomAddr(rng, bits, h.prefix);
     maskTo(h.prefix, bytes, h.plen);

@@ -40,7 +40,7 @@ void replyStatus(uint8_t *msg, size_t off, int32_t status) {
 }
 
 void logUnknown(const uint8_t *msg) {
-  char text[120];
+  char text[256];  // the whole line with ten words at their widest
   snprintf(text, sizeof text,
            "rtmMessaeSwitch: mtype:%#x mlen:%#x mstatus:%#x mtransCode:%#x Source slot:%#x card:%#x svce:%#x "
            "Target slot:%#x card:%#x svce:%#x\r\n",

@@ -109,14 +109,14 @@ TEST_F(Spine, MessageLongerThanItsDatagramIsDroppedAndCounted) {
       << readFile(log);
   // A datagram shorter than a header is no message at all. Our own library refuses to send
   // one, so it goes out through a bare socket.
-  char path[256];
+  sockaddr_un to{};
+  char path[sizeof to.sun_path];
   int32_t err = 0;
   ASSERT_TRUE(qorIpcQueuePath(static_cast<uint32_t>(qor_tmeGetPeerIpAddrByName(kRtm, 0, &err)),
                               qor_getQueueId(kRtm, 0, QOR_IPC_QUEUE_REQ), path, sizeof path));
   int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
-  sockaddr_un to{};
   to.sun_family = AF_UNIX;
-  strncpy(to.sun_path, path, sizeof to.sun_path - 1);
+  memcpy(to.sun_path, path, sizeof path);
   ASSERT_EQ(sendto(fd, msg, 40, 0, reinterpret_cast<sockaddr *>(&to), sizeof to), 40);
   close(fd);
   EXPECT_TRUE(waitForText(log, "rcvd 40 bytes, expected 60 bytes", 3000));

@@ -103,7 +103,9 @@ TEST_F(Bundles, EachKindOfCommandHasItsBytes) {
   for (Case &c : cases) {
     SCOPED_TRACE(c.name);
     ASSERT_EQ(add(c.cid, c.r), RTM_SUCCESS);
-    if (c.deleted) ASSERT_EQ(del(c.cid, c.r), RTM_SUCCESS);
+    if (c.deleted) {
+      ASSERT_EQ(del(c.cid, c.r), RTM_SUCCESS);
+    }
     rt_head *h = rtmHeadOf(qorRadixGetExact(rtmRibGetTree(c.r.af, 0), rtpPrefix(c.r.p(), c.r.af), rtpGetPrefixLen(c.r.p())));
     ASSERT_NE(h, nullptr);
     uint8_t *buf = nullptr;
@@ -210,9 +212,13 @@ TEST_F(Bundles, FlushesAndRefusals) {
     ASSERT_EQ(bundle(0, RT_DEL, &buf, gone, RTM_BUNDLE_APPEND), RTM_SUCCESS);
     qorLogClearRecent();
     EXPECT_EQ(bundle(0, c.op, &buf, gone, c.mode), RTM_FAILURE);
-    if (c.event) EXPECT_EQ(qorLogLast(c.event) ? qorLogLast(c.event)->text : "", c.text);
+    if (c.event) {
+      EXPECT_EQ(qorLogLast(c.event) ? qorLogLast(c.event)->text : "", c.text);
+    }
     EXPECT_EQ(buf == nullptr, c.mode != RTM_BUNDLE_APPEND);
-    if (buf) EXPECT_EQ(ld32(buf, IPC_OFF_MLEN), 148u + 32u);  // the first delete only
+    if (buf) {  // the first delete only
+      EXPECT_EQ(ld32(buf, IPC_OFF_MLEN), 148u + 32u);
+    }
     if (buf) RTM_POOL_FREE(buf);
   }
   // Only the two flushed headers are held, on the agents' queues.

@@ -91,7 +91,9 @@ class Model : public RibTest {
     const ModelRoute *activeNow = want.empty() ? nullptr : &want[0];
     bool changed = activeReplaced || (activeBefore == nullptr) != (activeNow == nullptr) ||
                    (activeBefore && activeNow && activeBefore->cid != activeNow->cid);
-    if (h) EXPECT_EQ(rtmh_version(h) != versionBefore, changed);
+    if (h) {
+      EXPECT_EQ(rtmh_version(h) != versionBefore, changed);
+    }
   }
 
   void checkCountsAndRefs() {

@@ -153,7 +153,9 @@ TEST_F(Routes, RefusedAdds) {
     SCOPED_TRACE(c.what);
     qorLogClearRecent();
     EXPECT_EQ(add(c.cid, c.route), c.result);
-    if (c.event) EXPECT_GE(qorLogCount(c.event), 1u);
+    if (c.event) {
+      EXPECT_GE(qorLogCount(c.event), 1u);
+    }
     rt_head *h = head("10.9.0.0", 16);
     EXPECT_TRUE(!h || !h->rtmh_rte);
     EXPECT_EQ(refs("192.168.1.1", 5), 0);  // nothing taken stays taken
