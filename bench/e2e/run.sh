@@ -16,8 +16,8 @@ table=$results/e2e.txt
   echo "|---|---|---|---|---|---|"
 } >"$table"
 status=0
-for spec in "v4 0" "v4 1" "v4 4" "v6 0" "v6 1" "v6 4"; do
-  read -r fam agents <<<"$spec"
+for case_ in "v4 0" "v4 1" "v4 4" "v6 0" "v6 1" "v6 4"; do
+  read -r fam agents <<<"$case_"
   if [ "$fam" = v4 ]; then args=("$v4"); else args=("$v6" --ipv6); fi
   out=$results/e2e-$fam-$agents.txt
   echo "== $fam, $agents agent(s)"
