@@ -236,8 +236,11 @@ TEST_F(Flush, ClearFibStartsTheAgentAfreshOnTheRegularList) {
   Peer &agent = open(830), &cli = open(831);
   const uint32_t fib = client(agent, {RTM_PROTO_FIB});
   rt_client *rtc = rtmClientGetByHandle(0, fib);
-  ASSERT_EQ(rtmAddClientToList(&superClients[0], rtc), 0);
-  ASSERT_EQ(rtmRemoveClientFromList(&regularClients[0], rtc), 0);
+  // Into the super group, wherever registration and the download thread have put it so far.
+  if (!rtmClientOnList(&superClients[0], rtc)) {
+    ASSERT_EQ(rtmAddClientToList(&superClients[0], rtc), 0);
+  }
+  rtmRemoveClientFromList(&regularClients[0], rtc);
   rtc->rtc_vrf[0]->rvi_version = 7;
   rtc->rtc_dnldState = RTC_Q_STOPPED;
   Msg m = message(MT_RTM_CLEAR_FIB, RTM_CLEAR_FIB_LEN);
