@@ -229,29 +229,45 @@ bool rtmIsRouteValid(uint8_t afIndex, uint32_t cid, uint8_t *rtp, int addFlag) {
   return false;
 }
 
+// The checks an add and a delete share, in their order: the family, the client, the route's
+// validity (a route left to the GBC RIB or passed over ends here with success) and the protocol.
+// Null when the route goes no further, with the caller's result in *result; *cid becomes the
+// client's own number.
+static rt_client *checkedClient(const char *fn, uint8_t afIndex, uint32_t *cid, uint8_t *rtp, int addFlag, Names &nm,
+                                int *result) {
+  *result = RTM_FAILURE;
+  if (afIndex != RTM_IPV4UNI_AFINDEX && afIndex != RTM_IPV6UNI_AFINDEX) {
+    _qorAssert("0", __FILE__, __LINE__, afIndex);
+    return nullptr;
+  }
+  rt_client *rtc = rtmClientGetByHandle(afIndex, *cid);
+  if (!rtc) {
+    qorSysErr(rtmevkey, 0, 0x148018, 0, fn, *cid);
+    return nullptr;
+  }
+  *cid = rtc->rtc_cid;
+  if (!rtmIsRouteValid(afIndex, *cid, rtp, addFlag)) {
+    *result = RTM_SUCCESS;
+    return nullptr;
+  }
+  const uint32_t proto = rtpGetProto(rtp);
+  if (rtc->rtc_proto != proto) {
+    qorSysErr(rtmevkey, 0, 0x148017, 0, fn, proto, rtc->rtc_proto, rtmClientName(rtc, nm.client), *cid, afIndex,
+              prefixText(afIndex, rtp, nm.prefix));
+    return nullptr;
+  }
+  return rtc;
+}
+
 // ---- Add ------------------------------------------------------------------------------------
 
 int rtmAddRouteIPv4(uint8_t afIndex, uint32_t cid, uint8_t *rtp) {
   static const char kFn[] = "RTM: rtmAddRouteIPv4";
-  if (afIndex != RTM_IPV4UNI_AFINDEX && afIndex != RTM_IPV6UNI_AFINDEX) {
-    _qorAssert("0", __FILE__, __LINE__, afIndex);
-    return RTM_FAILURE;
-  }
-  rt_client *rtc = rtmClientGetByHandle(afIndex, cid);
-  if (!rtc) {
-    qorSysErr(rtmevkey, 0, 0x148018, 0, kFn, cid);
-    return RTM_FAILURE;
-  }
-  cid = rtc->rtc_cid;
-  if (!rtmIsRouteValid(afIndex, cid, rtp, 1)) return RTM_SUCCESS;
-
   Names nm;
+  int result = RTM_SUCCESS;
+  rt_client *const rtc = checkedClient(kFn, afIndex, &cid, rtp, 1, nm, &result);
+  if (!rtc) return result;
   const uint32_t proto = rtpGetProto(rtp);
-  if (rtc->rtc_proto != proto) {
-    qorSysErr(rtmevkey, 0, 0x148017, 0, kFn, proto, rtc->rtc_proto, rtmClientName(rtc, nm.client), cid, afIndex,
-              prefixText(afIndex, rtp, nm.prefix));
-    return RTM_FAILURE;
-  }
   const int64_t vrf = routeVrf(afIndex, rtc, rtp);
   if (vrf == -100) {
     qorEventLog(rtmevkey, 14, "rtmAddRouteIPv4: Client %s Id %d is not active\n", rtmClientName(rtc, nm.client),
@@ -592,24 +608,11 @@ int rtmUpdateUnNumberedRte(uint32_t vrfId, uint8_t afIndex, qor_radix_tree *tree
 
 int rtmDelRouteIPv4(uint8_t afIndex, uint32_t cid, uint8_t *rtp) {
   static const char kFn[] = "RTM: rtmDelRouteIPv4";
-  if (afIndex != RTM_IPV4UNI_AFINDEX && afIndex != RTM_IPV6UNI_AFINDEX) {
-    _qorAssert("0", __FILE__, __LINE__, afIndex);
-    return RTM_FAILURE;
-  }
-  rt_client *rtc = rtmClientGetByHandle(afIndex, cid);
-  if (!rtc) {
-    qorSysErr(rtmevkey, 0, 0x148018, 0, kFn, cid);
-    return RTM_FAILURE;
-  }
-  cid = rtc->rtc_cid;
-  if (!rtmIsRouteValid(afIndex, cid, rtp, 0)) return RTM_SUCCESS;
   Names nm;
+  int result = RTM_SUCCESS;
+  rt_client *const rtc = checkedClient(kFn, afIndex, &cid, rtp, 0, nm, &result);
+  if (!rtc) return result;
   const uint32_t proto = rtpGetProto(rtp);
-  if (rtc->rtc_proto != proto) {
-    qorSysErr(rtmevkey, 0, 0x148017, 0, kFn, proto, rtc->rtc_proto, rtmClientName(rtc, nm.client), cid, afIndex,
-              prefixText(afIndex, rtp, nm.prefix));
-    return RTM_FAILURE;
-  }
   const int64_t vrf = routeVrf(afIndex, rtc, rtp);
   if (vrf == -100) {
     qorEventLog(rtmevkey, 14, "rtmDelRouteIPv4: Client Id %d is not active\n", int(cid));
