@@ -33,49 +33,35 @@ class TimerTest : public ::testing::Test {
   }
 };
 
-TEST_F(TimerTest, OneShotFiresOnceAtItsTick) {
-  Fired f;
-  vx2bsdTimer_t t = vx2bsdTimerCreate();
-  ASSERT_NE(t, 0u);
-  ASSERT_EQ(vx2bsdTimerStart(t, 3, countCb, &f, 0), 0);
-  qorClockAdvance(3 * sysClkRateGet() - 1);
-  EXPECT_EQ(f.count, 0);
-  EXPECT_TRUE(qorTimerIsArmed(t));
-  qorClockAdvance(1);
-  EXPECT_EQ(f.count, 1);
-  EXPECT_FALSE(qorTimerIsArmed(t));
-  qorClockAdvance(100 * sysClkRateGet());
-  taskDelay(100);
-  EXPECT_EQ(f.count, 1);
-}
-
 // Each row drives one timer through starts, cancels and clock steps and says how often the
-// callback has run after each step.
+// callback has run, and whether the timer is armed, after each step (a second is 100 ticks).
 TEST_F(TimerTest, StartCancelRearmDelete) {
   enum Op { Start, Cancel, Delete, Advance };
   struct Step {
     Op op;
     uint32_t n;  // seconds for Start, ticks for Advance
     int fired;
+    bool armed;
   };
   struct Row {
     const char *name;
     std::vector<Step> steps;
   };
   const Row rows[] = {
+      {"a one-shot fires once, at its tick", {{Start, 3, 0, 1}, {Advance, 299, 0, 1}, {Advance, 1, 1, 0}, {Advance, 10000, 1, 0}}},
       {"cancelled before its deadline it never fires",
-       {{Start, 2, 0}, {Advance, 150, 0}, {Cancel, 0, 0}, {Advance, 1000, 0}}},
+       {{Start, 2, 0, 1}, {Advance, 150, 0, 1}, {Cancel, 0, 0, 0}, {Advance, 1000, 0, 0}}},
       {"re-armed later it fires at the new deadline only",
-       {{Start, 3, 0}, {Advance, 200, 0}, {Start, 3, 0}, {Advance, 299, 0}, {Advance, 1, 1}, {Advance, 1000, 1}}},
+       {{Start, 3, 0, 1}, {Advance, 200, 0, 1}, {Start, 3, 0, 1}, {Advance, 299, 0, 1}, {Advance, 1, 1, 0}, {Advance, 1000, 1, 0}}},
       {"re-armed sooner it fires once, at the sooner deadline",
-       {{Start, 10, 0}, {Advance, 100, 0}, {Start, 1, 0}, {Advance, 100, 1}, {Advance, 1000, 1}}},
+       {{Start, 10, 0, 1}, {Advance, 100, 0, 1}, {Start, 1, 0, 1}, {Advance, 100, 1, 0}, {Advance, 1000, 1, 0}}},
       {"started again after firing it fires again",
-       {{Start, 1, 0}, {Advance, 100, 1}, {Start, 1, 1}, {Advance, 100, 2}}},
+       {{Start, 1, 0, 1}, {Advance, 100, 1, 0}, {Start, 1, 1, 1}, {Advance, 100, 2, 0}}},
       {"zero seconds fires at the next step of the clock, not inside the start",
-       {{Start, 0, 0}, {Advance, 0, 1}}},
+       {{Start, 0, 0, 1}, {Advance, 0, 1, 0}}},
       {"a cancelled timer can be started again",
-       {{Start, 1, 0}, {Cancel, 0, 0}, {Start, 1, 0}, {Advance, 100, 1}}},
-      {"a deleted timer never fires", {{Start, 1, 0}, {Delete, 0, 0}, {Advance, 1000, 0}}},
+       {{Start, 1, 0, 1}, {Cancel, 0, 0, 0}, {Start, 1, 0, 1}, {Advance, 100, 1, 0}}},
+      {"a deleted timer never fires", {{Start, 1, 0, 1}, {Delete, 0, 0, 0}, {Advance, 1000, 0, 0}}},
   };
   for (const Row &row : rows) {
     SCOPED_TRACE(row.name);
@@ -90,6 +76,7 @@ TEST_F(TimerTest, StartCancelRearmDelete) {
         case Advance: qorClockAdvance(s.n); break;
       }
       EXPECT_EQ(f.count, s.fired) << "after step " << i;
+      EXPECT_EQ(qorTimerIsArmed(t), s.armed) << "after step " << i;
     }
     vx2bsdTimerDelete(t);
   }
