@@ -7,21 +7,14 @@
 #include "dnld_fixture.h"
 #include "frame/rtm_mem.h"
 #include "swp/qor_swp.h"
+#include "tests/support/hex.h"
 
 using namespace dltest;
+using rtmtest::hex;
 
 namespace {
 
 constexpr uint32_t kOspf = 60, kVrrp = 61, kPos = 62, kConn = 63;
-
-std::vector<uint8_t> hex(const std::string &t) {
-  std::string d;
-  for (char c : t)
-    if (isxdigit(static_cast<unsigned char>(c))) d += c;
-  std::vector<uint8_t> out;
-  for (size_t i = 0; i + 1 < d.size(); i += 2) out.push_back(uint8_t(std::stoul(d.substr(i, 2), nullptr, 16)));
-  return out;
-}
 
 class Bundles : public DownloadTest {
  protected:
@@ -218,8 +211,8 @@ TEST_F(Bundles, FlushesAndRefusals) {
     EXPECT_EQ(buf == nullptr, c.mode != RTM_BUNDLE_APPEND);
     if (buf) {  // the first delete only
       EXPECT_EQ(ld32(buf, IPC_OFF_MLEN), 148u + 32u);
+      RTM_POOL_FREE(buf);
     }
-    if (buf) RTM_POOL_FREE(buf);
   }
   // Only the two flushed headers are held, on the agents' queues.
   EXPECT_EQ(inUse(RTM_SWP_DNLD_POOL), 2u);

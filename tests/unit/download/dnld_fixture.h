@@ -155,9 +155,10 @@ class DownloadTest : public rtmtest::RtmdTest {
   // it; everything is acknowledged in order unless the agent has stopped acknowledging.
   bool take(Agent &a) {
     bool any = a.acks && !a.unacked.empty();
-    if (any)
+    if (any) {
       for (const Msg &m : a.unacked) qorSwpCkSeqAndAck(m.data(), &a.expSeq, a.peer->queue());
-    if (any) a.unacked.clear();
+      a.unacked.clear();
+    }
     for (Msg &m : received(*a.peer)) {
       any = true;
       const uint32_t type = ld32(m.data(), IPC_OFF_MTYPE);
