@@ -143,8 +143,10 @@ class ModelRun {
       return maskBytes(recOf(h)->key, n->rn_bit);
     };
     uint64_t nodes = 0, heads = 0, fullHeads = 0;
+    nodeWalkHeads_.clear();
     for (qor_radix_node *n = qorRadixNodeFirst(tree_); n; n = qorRadixNodeNext(n)) {
       ++nodes;
+      if (qor_radix_hdr *h = qorRadixNodeHead(n)) nodeWalkHeads_.push_back(h);
       if (n == tree_->rdx_root) {
         ASSERT_EQ(n->rn_parent, nullptr);
       }
@@ -199,6 +201,7 @@ class ModelRun {
       return 0;
     }, 0, &byWalk);
     ASSERT_EQ(byWalk, want);
+    ASSERT_EQ(nodeWalkHeads_, want) << "the node walk (pre-order) meets the heads in tree order";
     // Heads in the tree: exact by their own (unmasked) key, and the next shorter match.
     for (int i = 0; i < probes && !model_.empty(); ++i) {
       auto it = model_.begin();
@@ -263,6 +266,7 @@ class ModelRun {
   std::array<KeyBytes, 24> bases_{};
   std::map<MKey, Rec *> model_;
   std::vector<std::unique_ptr<Rec>> recs_;
+  std::vector<qor_radix_hdr *> nodeWalkHeads_;
   std::set<size_t> accelSizes_;
   uint64_t maxHeads_ = 0;  // sizes the accelerator took: none, built, grown, shrunk
 };

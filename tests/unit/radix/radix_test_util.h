@@ -38,11 +38,6 @@ inline KeyBytes maskBytes(KeyBytes k, unsigned plen) {
 
 inline unsigned bitOf(const KeyBytes &k, unsigned i) { return (k[i / 8] >> (7 - i % 8)) & 1; }
 
-// True if prefix (p, plen) covers key k.
-inline bool covers(const KeyBytes &p, unsigned plen, const KeyBytes &k) {
-  return maskBytes(p, plen) == maskBytes(k, plen);
-}
-
 inline std::string keyText(const KeyBytes &k, unsigned bytes, unsigned plen) {
   std::string s;
   char b[8];
