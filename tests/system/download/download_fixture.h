@@ -184,24 +184,24 @@ class DownloadSystem : public ::testing::Test {
         if (!a->withholding())
           ADD_FAILURE() << "agent holds " << a->routeCount() << " routes\n" << firstDifferences(want, a->dump());
   }
-  // Adds (or withdraws) BGP routes 11.i.j.0/24 for indices [first, first + count) through c,
-  // one next hop each, and keeps the model in step.
+  // Adds (or withdraws) BGP routes of the model's family for indices [first, first + count):
+  // 11.i.j.0/24 or 2001:db8:0:i::/64, one next hop each, and keeps the model in step.
   void feed(ProtoClient &c, Model &m, uint32_t first, uint32_t count, bool add) {
+    const bool v4 = m.af == RTM_IPV4UNI_AFINDEX;
     NextHop nh;
-    ASSERT_TRUE(parseAddr(0, "192.0.2.1", nh.addr));
+    ASSERT_TRUE(parseAddr(m.af, v4 ? "192.0.2.1" : "2001:db8::1", nh.addr));
     nh.ifindex = 4;
     Route r;
-    r.proto = RTM_PROTO_BGP;
-    r.pref = 20;
-    r.subtype = defaultSubtype(RTM_PROTO_BGP);
-    r.metric = 5;
-    r.prefixLen = 24;
-    r.nh = &nh;
-    r.nnh = 1;
+    r.afIndex = m.af, r.proto = RTM_PROTO_BGP, r.pref = 20, r.subtype = defaultSubtype(RTM_PROTO_BGP), r.metric = 5;
+    r.prefixLen = v4 ? 24 : 64;
+    r.nh = &nh, r.nnh = 1;
+    const uint8_t at = v4 ? 1 : 6;  // where the index goes
+    if (v4) r.prefix[0] = 11;
+    else r.prefix[0] = 0x20, r.prefix[1] = 0x01, r.prefix[2] = 0x0d, r.prefix[3] = 0xb8;
     for (uint32_t i = first; i < first + count; ++i) {
-      r.prefix[0] = 11, r.prefix[1] = static_cast<uint8_t>(i >> 8), r.prefix[2] = static_cast<uint8_t>(i);
-      std::vector<uint8_t> key(r.prefix, r.prefix + 4);
-      key.push_back(24);
+      r.prefix[at] = static_cast<uint8_t>(i >> 8), r.prefix[at + 1] = static_cast<uint8_t>(i);
+      std::vector<uint8_t> key(r.prefix, r.prefix + rtmAfAddrLen(m.af));
+      key.push_back(r.prefixLen);
       if (add) {
         ASSERT_EQ(c.add(r), 0) << c.lastError();
         m.routes[0][key] = ModelRoute{5, false, {nh}, {}};
@@ -210,6 +210,12 @@ class DownloadSystem : public ::testing::Test {
         m.routes[0].erase(key);
       }
     }
+  }
+  // rtmd holds more than the high mark for the agent of slot `behind` and nothing for `ahead`.
+  bool heldBackBy(uint32_t behind, uint32_t ahead) {
+    DnldClientsReply v = view(0);
+    const DnldClientRow *s = v.find(RTM_PROTO_FIB, behind), *f = v.find(RTM_PROTO_FIB, ahead);
+    return s && f && s->queueLen > 200 && f->queueLen == 0;
   }
   DnldClientsReply view(uint8_t af) {
     DnldClientsReply r;

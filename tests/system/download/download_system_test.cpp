@@ -29,24 +29,29 @@ TEST_P(RandomSequences, AgentsHoldExactlyTheActiveRoutes) {
   std::mt19937 rng(af * 1000 + 7);
   auto pick = [&](uint32_t n) { return static_cast<uint32_t>(rng() % n); };
   constexpr uint32_t kPrefixes = 900;
-  auto prefixOf = [&](uint32_t i, std::vector<uint8_t> *key, Route *r) {
-    uint8_t addr[16] = {};
-    uint8_t len;
+  // Prefix i: /24s, and /32 hosts under some of them (heads that nest); in IPv6 /48s and /128s.
+  auto keyOf = [&](uint32_t i) {
+    std::vector<uint8_t> key(rtmAfAddrLen(af), 0);
     if (af == RTM_IPV4UNI_AFINDEX) {
-      // /24s, and /32 hosts under some of them: heads that nest.
-      addr[0] = 10, addr[1] = static_cast<uint8_t>(i / 256), addr[2] = static_cast<uint8_t>(i % 256);
-      len = 24;
-      if (i % 7 == 0) addr[3] = 9, len = 32;
+      key[0] = 10, key[1] = static_cast<uint8_t>(i / 256), key[2] = static_cast<uint8_t>(i % 256);
+      if (i % 7 == 0) key[3] = 9;
     } else {
-      addr[0] = 0x20, addr[1] = 0x01, addr[2] = 0x0d, addr[3] = 0xb8, addr[4] = static_cast<uint8_t>(i >> 8),
-      addr[5] = static_cast<uint8_t>(i);
-      len = 48;
-      if (i % 7 == 0) addr[15] = 9, len = 128;
+      key[0] = 0x20, key[1] = 0x01, key[2] = 0x0d, key[3] = 0xb8, key[4] = static_cast<uint8_t>(i >> 8);
+      key[5] = static_cast<uint8_t>(i);
+      if (i % 7 == 0) key[15] = 9;
     }
-    memcpy(r->prefix, addr, 16);
-    r->prefixLen = len;
-    key->assign(addr, addr + rtmAfAddrLen(af));
-    key->push_back(len);
+    key.push_back(static_cast<uint8_t>(i % 7 == 0 ? key.size() * 8 : af == RTM_IPV4UNI_AFINDEX ? 24 : 48));
+    return key;
+  };
+  auto routeOf = [&](int c, const std::vector<uint8_t> &key) {
+    Route r;
+    r.afIndex = af;
+    memcpy(r.prefix, key.data(), key.size() - 1);
+    r.prefixLen = key.back();
+    r.proto = protoIds[c];
+    r.pref = prefs[c];
+    r.subtype = defaultSubtype(protoIds[c]);
+    return r;
   };
 
   std::vector<NextHop> nhStore(64);
@@ -54,13 +59,8 @@ TEST_P(RandomSequences, AgentsHoldExactlyTheActiveRoutes) {
     SCOPED_TRACE("round " + std::to_string(round));
     for (int op = 0; op < 700; ++op) {
       const int c = static_cast<int>(pick(2));
-      Route r;
-      r.afIndex = af;
-      std::vector<uint8_t> key;
-      prefixOf(pick(kPrefixes), &key, &r);
-      r.proto = protoIds[c];
-      r.pref = prefs[c];
-      r.subtype = defaultSubtype(protoIds[c]);
+      const std::vector<uint8_t> key = keyOf(pick(kPrefixes));
+      Route r = routeOf(c, key);
       auto it = m.routes[c].find(key);
       if (it != m.routes[c].end() && pick(3) == 0) {  // withdraw
         r.nh = nhStore.data();
@@ -116,13 +116,7 @@ TEST_P(RandomSequences, AgentsHoldExactlyTheActiveRoutes) {
   // Everything withdrawn: the agents are empty and no prefix head is left behind in rtmd.
   for (int c = 0; c < 2; ++c) {
     for (const auto &[key, mr] : m.routes[c]) {
-      Route r;
-      r.afIndex = af;
-      memcpy(r.prefix, key.data(), key.size() - 1);
-      r.prefixLen = key.back();
-      r.proto = protoIds[c];
-      r.pref = prefs[c];
-      r.subtype = defaultSubtype(protoIds[c]);
+      Route r = routeOf(c, key);
       r.nh = mr.nh.data();
       r.nnh = static_cast<uint16_t>(mr.nh.size());
       ASSERT_EQ(clients[c]->del(r), 0) << clients[c]->lastError();
@@ -156,13 +150,7 @@ TEST_F(DownloadSystem, ASlowAgentPacesItsGroupAndIsNotGivenUp) {
   settleProtos();
   // The group is served as fast as its slowest member takes: with the slow one's queue past
   // the mark, the fast one has nothing queued and still lacks routes.
-  ASSERT_TRUE(pumpUntil(
-      [&] {
-        DnldClientsReply v = view(0);
-        const DnldClientRow *s = v.find(RTM_PROTO_FIB, 2), *f = v.find(RTM_PROTO_FIB, 1);
-        return s && f && s->queueLen > 200 && f->queueLen == 0;
-      },
-      20000));
+  ASSERT_TRUE(pumpUntil([&] { return heldBackBy(2, 1); }, 20000));
   DnldClientsReply v = view(0);
   EXPECT_EQ(v.superMembers, 2u);
   EXPECT_LT(v.groupVersion, v.treeVersion);
@@ -208,25 +196,7 @@ TEST_F(DownloadSystem, AClearedFibIsSentAgainAfterItsMarker) {
   ProtoClient &bgp = addProto(RTM_IPV6UNI_AFINDEX, RTM_PROTO_BGP, 1, 310);
   Model m;
   m.af = RTM_IPV6UNI_AFINDEX;
-  NextHop nh;
-  ASSERT_TRUE(parseAddr(2, "2001:db8::1", nh.addr));
-  nh.ifindex = 2;
-  for (uint32_t i = 0; i < 1500; ++i) {
-    Route r;
-    r.afIndex = RTM_IPV6UNI_AFINDEX;
-    r.proto = RTM_PROTO_BGP;
-    r.pref = 20;
-    r.subtype = defaultSubtype(RTM_PROTO_BGP);
-    r.prefixLen = 64;
-    r.prefix[0] = 0x20, r.prefix[1] = 0x01, r.prefix[2] = 0x0d, r.prefix[3] = 0xb8;
-    r.prefix[6] = static_cast<uint8_t>(i >> 8), r.prefix[7] = static_cast<uint8_t>(i);
-    r.nh = &nh;
-    r.nnh = 1;
-    ASSERT_EQ(bgp.add(r), 0) << bgp.lastError();
-    std::vector<uint8_t> key(r.prefix, r.prefix + 16);
-    key.push_back(64);
-    m.routes[0][key] = ModelRoute{0, false, {nh}, {}};
-  }
+  feed(bgp, m, 0, 1500, true);
   settleProtos();
   expectAgentsHold(m.expectedDump());
   const uint64_t aStarts = a.stats().freshStarts, bStarts = b.stats().freshStarts;
