@@ -37,11 +37,12 @@ class Walks : public DownloadTest {
       if (c.prefix == prefix) v.push_back(c.op);
     return v;
   }
-  void addMany(const char *format, unsigned n, unsigned plen = 32) {
+  void addMany(const char *format, unsigned n, int32_t metric = 20) {
     char p[32];
     for (unsigned i = 0; i < n; ++i) {
       snprintf(p, sizeof p, format, i / 250, i % 250);
-      Route r = route(p, plen);
+      Route r = route(p, 32);
+      r.metric(metric);
       ASSERT_EQ(add(kOspf, r), RTM_SUCCESS);
     }
   }
@@ -316,13 +317,7 @@ TEST_F(Walks, RestartsAndRest) {
   qor_radix_tree *t = rtmRibGetTree(0, 0);
   const uint64_t epoch = t->rdl_epoch;
   t->rdx_maxVersion = t->rdx_version + 30;
-  for (unsigned i = 0; i < 40; ++i) {
-    char p[32];
-    snprintf(p, sizeof p, "10.10.0.%u", i);
-    Route r = route(p, 32);
-    r.metric(int32_t(100 + i));
-    ASSERT_EQ(add(kOspf, r), RTM_SUCCESS);
-  }
+  addMany("10.10.%u.%u", 40, 100);
   EXPECT_EQ(t->rdl_epoch, epoch + 1);
   settle();
   EXPECT_EQ(a.table, ribTable(0));
