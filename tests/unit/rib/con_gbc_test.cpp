@@ -62,7 +62,9 @@ TEST_F(ConGbc, ConnectedTreeKeepsOneEntryPerClientAndSourceVrf) {
       std::vector<rt_entry *> e = entries(conHead(af));
       EXPECT_EQ(e.size(), c.entries);
       EXPECT_EQ(e.back()->rte_subtype, c.adds.back().subtype);
-      EXPECT_EQ(rvi(kOspf, af)->rvi_active, 0u);  // never in the election
+      EXPECT_EQ(rvi(kOspf, af)->rvi_active, 0u);  // never in the election, counted inactive
+      EXPECT_GT(rvi(kOspf, af)->rvi_inactive, 0u);
+      EXPECT_EQ(head(af ? "2001:db8:11::" : "10.11.0.0", af ? 48 : 16, af), nullptr) << "never in the main tree";
       EXPECT_EQ(refs(af ? "fe80::1" : "192.168.1.1", 5, 0, af), int(c.entries));
       rtmClearVrfProtoRoutes(af, &rt_client_tbl[af][kOspf], 0);
       rtmClearVrfProtoRoutes(af, &rt_client_tbl[af][kRip], 0);
@@ -109,6 +111,9 @@ TEST_F(ConGbc, ConnectedTreeDeletes) {
   Route d = con(0, RTM_PROTO_OSPF, RT_OSPF_INTRA), i = con(0, RTM_PROTO_ISIS, 255);
   ASSERT_EQ(del(kOspf, d), RTM_SUCCESS);
   ASSERT_EQ(del(kIsis, i), RTM_SUCCESS);
+  EXPECT_EQ(entries(conHead()).size(), 0u);
+  EXPECT_EQ(rvi(kOspf)->rvi_inactive, 0u);
+  EXPECT_EQ(refs("192.168.1.1", 5), 0);
   qorLogClearRecent();
   EXPECT_EQ(rtmDelRouteProtoCon(0, kOspf, d.p()), RTM_SUCCESS);
   EXPECT_EQ(qorLogRecent().size(), 0u);
@@ -172,11 +177,7 @@ TEST_F(ConGbc, GbcMarks) {
     Route o = host(RTM_PROTO_RIP), d = host(c.proto);
     if (c.marked) {
       ASSERT_EQ(rtmGbcAddRouteIPv4(0, kRip, o.p()), RTM_SUCCESS);
-    }
-    if (c.marked) {
       EXPECT_EQ(rtmGbcDelRouteIPv4(0, c.cid, d.p()), RTM_SUCCESS);
-    }
-    if (c.marked) {
       EXPECT_EQ(gbcHead()->gbc_proto[c.proto], c.blocked ? 1 : 0);
     }
     if (rvi(c.cid)) rvi(c.cid)->rvi_blocked = 0;

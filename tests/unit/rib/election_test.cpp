@@ -115,22 +115,14 @@ TEST_F(Election, BgpOfAnotherSubtypeIsLoggedAndPlacedAhead) {
   EXPECT_EQ(qorLogCount(0x14803A), 2u);
 }
 
-TEST_F(Election, ManyEntriesStandInOrder) {
-  // Inserted in a scrambled order; each lands in its place.
-  rt_entry *ibgp = make({200, 6, B, INT}), *rip = make({120, 5, R, 0}), *ospfE2 = make({110, 4, O, RT_OSPF_E2}),
-           *ospf = make({110, 3, O, RT_OSPF_INTRA}), *ebgp = make({20, 2, B, EXT}), *st = make({1, 1, S, 0});
-  for (rt_entry *e : {rip, ebgp, ibgp, ospfE2, st, ospf}) rte_insert(0, head, e);
-  EXPECT_EQ(order(), (std::vector<rt_entry *>{st, ebgp, ospf, ospfE2, rip, ibgp}));
-  // Removing from the front, the middle and the back keeps the rest in order.
-  EXPECT_EQ(rte_remove(head, st), ebgp);
-  EXPECT_EQ(rte_remove(head, ospfE2), ebgp);
-  EXPECT_EQ(rte_remove(head, ibgp), ebgp);
-  EXPECT_EQ(order(), (std::vector<rt_entry *>{ebgp, ospf, rip}));
-  // An entry that is not on the list is a broken invariant: reported, list untouched.
+// The order of many entries, and removals anywhere in it, are checked against the model test.
+TEST_F(Election, RemovingAnEntryNotOnTheListIsReportedAndChangesNothing) {
+  rt_entry *st = make({1, 1, S, 0}), *ebgp = make({20, 2, B, EXT}), *rip = make({120, 5, R, 0});
+  for (rt_entry *e : {rip, ebgp}) rte_insert(0, head, e);
   size_t asserts = qorAssertCount();
   EXPECT_EQ(rte_remove(head, st), ebgp);
   EXPECT_EQ(qorAssertCount(), asserts + 1);
-  EXPECT_EQ(order(), (std::vector<rt_entry *>{ebgp, ospf, rip}));
+  EXPECT_EQ(order(), (std::vector<rt_entry *>{ebgp, rip}));
 }
 
 TEST_F(Election, FindMatchesClientSubtypeAndSourceVrf) {

@@ -35,16 +35,12 @@ class UpdateMsg : public RibTest {
   }
   uint32_t len() const { return rtm::ld32(msg.data(), IPC_OFF_MLEN); }
   int run(uint32_t n) { return rtmUpdateRouteIPv4(msg.data(), n, nullptr); }
-  bool has(int i);
+  bool has(int i) {
+    rt_head *h = head(("10." + std::to_string(i) + ".0.0").c_str(), 16);
+    return h && h->rtmh_rte;
+  }
   std::vector<uint8_t> msg;
 };
-
-bool UpdateMsg::has(int i) {
-    char p[32];
-    snprintf(p, sizeof p, "10.%d.0.0", i);
-    rt_head *h = head(p, 16);
-    return h && h->rtmh_rte;
-}
 
 TEST_F(UpdateMsg, BatchIsAppliedInOrderAndABadSubCommandIsSkipped) {
   append(RTM_UPD_ADD, 1);
