@@ -48,24 +48,6 @@ class ChangeList : public ::testing::Test {
   std::vector<std::unique_ptr<Rec>> recs;
 };
 
-TEST_F(ChangeList, NewWalkerSeesEverythingBeforeAndAfterOnceInVersionOrder) {
-  append("ABCA");  // A moves behind C: the list is B2 C3 A4
-  EXPECT_EQ(h('A')->rtmh_version, 4u);
-  EXPECT_EQ(t->rdx_version, 4u);
-  qor_radical_walker w{};
-  ASSERT_EQ(qorRadicalWalkConstructor(t, &w), 0);
-  EXPECT_EQ(w.walker_version, 0u);
-  EXPECT_EQ(qorRadicalNextVersion(t, &w), 2u);
-  append("D");
-  EXPECT_EQ(walk(w), "BCAD");
-  EXPECT_EQ(w.walker_version, 5u);
-  EXPECT_EQ(qorRadicalNextVersion(t, &w), 0u) << "nothing pending";
-  EXPECT_EQ(walk(w), "");
-  append("CE");
-  EXPECT_EQ(walk(w), "CE");
-  qorRadicalWalkDestructor(t, &w);
-}
-
 // Budgets and ceilings, each row from a fresh walker over A1 B2 C3 D4.
 TEST_F(ChangeList, LimitAndCeiling) {
   append("ABCD");
@@ -99,31 +81,19 @@ TEST_F(ChangeList, LimitAndCeiling) {
   EXPECT_EQ(t->rdl_walkers, 0u);
 }
 
-// Several walkers at different places while heads move to the tail and leave the tree.
-TEST_F(ChangeList, WalkersAtDifferentPlacesSeeMovesAndRemovals) {
+// Walkers seeing moves and removals are checked against the model below; here registration.
+TEST_F(ChangeList, WalkerRegistration) {
   append("ABCD");
-  qor_radical_walker w0{}, w2{}, w4{};
-  for (auto *w : {&w0, &w2, &w4}) qorRadicalWalkConstructor(t, w);
-  EXPECT_EQ(walk(w2, 2), "AB");
-  EXPECT_EQ(walk(w4), "ABCD");
-  append("B");  // behind w2 and w4: each sees it again
-  append("C");  // ahead of w2: it moves out of its way, still seen once
-  ASSERT_EQ(qorRadixRemove(t, h('D')), 0);  // gone from the list with the tree
-  EXPECT_EQ(h('D')->rdl_link.rdl_next, nullptr);
-  EXPECT_EQ(walk(w0), "ABC");
-  EXPECT_EQ(walk(w2), "BC");
-  EXPECT_EQ(walk(w4), "BC");
-  // The last head a walker passed may leave: the walker's place is its own.
-  ASSERT_EQ(qorRadixRemove(t, h('C')), 0);
-  append("E");
-  EXPECT_EQ(walk(w0), "E");
-  EXPECT_EQ(walk(w2), "E");
+  qor_radical_walker w0{}, w1{};
+  for (auto *w : {&w0, &w1}) qorRadicalWalkConstructor(t, w);
+  EXPECT_EQ(w0.walker_version, 0u);
+  EXPECT_EQ(walk(w1, 2), "AB");
   // Building a registered walker again puts it back at the start without a second registration.
-  EXPECT_EQ(t->rdl_walkers, 3u);
-  qorRadicalWalkConstructor(t, &w4);
-  EXPECT_EQ(t->rdl_walkers, 3u);
-  EXPECT_EQ(walk(w4), "ABE");
-  for (auto *w : {&w0, &w2, &w4}) EXPECT_EQ(qorRadicalWalkDestructor(t, w), 0);
+  EXPECT_EQ(t->rdl_walkers, 2u);
+  qorRadicalWalkConstructor(t, &w1);
+  EXPECT_EQ(t->rdl_walkers, 2u);
+  EXPECT_EQ(walk(w1), "ABCD");
+  for (auto *w : {&w0, &w1}) EXPECT_EQ(qorRadicalWalkDestructor(t, w), 0);
   EXPECT_EQ(qorRadicalWalkDestructor(t, &w0), 1) << "already gone";
   EXPECT_EQ(qorRadicalNextVersion(t, &w0), 0u);
   EXPECT_EQ(walk(w0), "unregistered");
