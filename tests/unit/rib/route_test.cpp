@@ -26,6 +26,12 @@ class Routes : public RibTest {
     r.prefix(p, plen).proto(RTM_PROTO_OSPF).subtype(RT_OSPF_INTRA).pref(110).metric(metric).nh("192.168.1.1", 5);
     return r;
   }
+  // An unnumbered host route of the POS client.
+  static Route pos(const char *p, uint32_t ifindex, uint32_t flags = 0) {
+    Route r;
+    r.prefix(p, 32).proto(RTM_PROTO_POS).pref(0).nh("0.0.0.0", ifindex).flags(flags);
+    return r;
+  }
   static Route rip(const char *p = "10.1.0.0", unsigned plen = 16) {
     Route r;
     r.prefix(p, plen).proto(RTM_PROTO_RIP).pref(110).nh("192.168.2.1", 6);
@@ -225,12 +231,7 @@ TEST_F(Routes, BlockedClientIsDroppedButLeakedRoutesPass) {
 }
 
 TEST_F(Routes, UnnumberedRoutesGatherNextHopsOneByOne) {
-  auto pos = [](const char *nh, uint32_t ifindex) {
-    Route r;
-    r.prefix("10.8.8.8", 32).proto(RTM_PROTO_POS).pref(0).nh(nh, ifindex);
-    return r;
-  };
-  Route a = pos("0.0.0.0", 11), b = pos("0.0.0.0", 12);
+  Route a = pos("10.8.8.8", 11), b = pos("10.8.8.8", 12);
   ASSERT_EQ(add(kPos, a), RTM_SUCCESS);
   ASSERT_EQ(add(kPos, b), RTM_SUCCESS);
   EXPECT_EQ(add(kPos, b), RTM_SUCCESS);  // already on the route
@@ -265,8 +266,7 @@ TEST_F(Routes, UnnumberedRoutesGatherNextHopsOneByOne) {
 TEST_F(Routes, UnnumberedDeleteOfTheLastSlotTakesTheWholeEntry) {
   Route r;
   for (uint32_t i : {21u, 22u, 23u}) {
-    r = Route();
-    r.prefix("10.8.8.9", 32).proto(RTM_PROTO_POS).pref(0).nh("0.0.0.0", i);
+    r = pos("10.8.8.9", i);
     ASSERT_EQ(add(kPos, r), RTM_SUCCESS);
   }
   rt_head *h = head("10.8.8.9", 32);
@@ -278,9 +278,7 @@ TEST_F(Routes, UnnumberedDeleteOfTheLastSlotTakesTheWholeEntry) {
 }
 
 TEST_F(Routes, UnnumberedRouteForTheConnectedRibSharesNothingWithTheMainEntry) {
-  Route main, con;
-  main.prefix("10.8.8.10", 32).proto(RTM_PROTO_POS).pref(0).nh("0.0.0.0", 31);
-  con.prefix("10.8.8.10", 32).proto(RTM_PROTO_POS).pref(0).nh("0.0.0.0", 32).flags(RTP_FLAG_CONNECTED);
+  Route main = pos("10.8.8.10", 31), con = pos("10.8.8.10", 32, RTP_FLAG_CONNECTED);
   ASSERT_EQ(add(kPos, main), RTM_SUCCESS);
   ASSERT_EQ(add(kPos, con), RTM_SUCCESS);
   ASSERT_EQ(add(kPos, con), RTM_SUCCESS);  // replaced in the connected tree
