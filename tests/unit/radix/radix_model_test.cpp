@@ -180,6 +180,10 @@ class ModelRun {
     ASSERT_GE(tree_->rdx_spares, fullHeads);
     ASSERT_LE(tree_->rdx_spares, fullHeads + 1);
     ASSERT_EQ(uint64_t(FailingAlloc::live), nodes - heads + tree_->rdx_spares);
+    ASSERT_EQ(tree_->rdx_nodeBytes, uint64_t(FailingAlloc::live) * QOR_RADIX_NODE_SIZE);
+    if (!tree_->rdx_accel) {
+      ASSERT_EQ(qorRadixBytes(tree_), sizeof(qor_radix_tree) + tree_->rdx_nodeBytes);
+    }
     ASSERT_EQ(heads, model_.size());
     if (heads) {
       ASSERT_LT(nodes, 2 * heads);
