@@ -18,4 +18,8 @@ bool addressToRtmd(uint8_t *msg);
 // left to the caller, who knows what to tell the user about it.
 std::string exchangeRegistration(int key, const RegRequest &req, uint32_t replyType, int retries, int waitMs,
                                  RegReply *rr);
+// One NM command of n bytes in req to rtmd and its answer in reply (both RTM_IPC_BUF_SIZE), with
+// the caller's wait and retries. 0 with the answer's length, as far as it lies in the buffer, in
+// *replyLen; else -1 with errno (ECONNREFUSED when no rtmd is found).
+int nmExchange(int key, uint8_t *req, size_t n, uint8_t *reply, int attemptMs, int retries, size_t *replyLen);
 }  // namespace rtmclient

@@ -283,23 +283,29 @@ std::string exchangeRegistration(int key, const RegRequest &req, uint32_t replyT
   return {};
 }
 
+int nmExchange(int key, uint8_t *req, size_t n, uint8_t *reply, int attemptMs, int retries, size_t *replyLen) {
+  if (!addressToRtmd(req)) {
+    errno = ECONNREFUSED;
+    return -1;
+  }
+  if (qorIpcSendWaitWithRetry(key, req, reply, static_cast<uint32_t>(n), RTM_IPC_BUF_SIZE, retries, MT_NM_CMD,
+                              attemptMs, 0) != 0)
+    return -1;
+  *replyLen = std::min<size_t>(ld32(reply, IPC_OFF_MLEN), RTM_IPC_BUF_SIZE);
+  return 0;
+}
+
 int queryRouteCount(int key, uint32_t afIndex, uint32_t vrfId, RouteCountReply *out, int attemptMs, int retries) {
   *out = RouteCountReply{};
   std::vector<uint8_t> req(RTM_IPC_BUF_SIZE), reply(RTM_IPC_BUF_SIZE);
   uint32_t cursor = 0;
   // Each page answers with totals of its own moment; the last page's are the ones kept.
   for (int page = 0;; ++page) {
-    size_t n = encodeRouteCountRequest(afIndex, vrfId, cursor, req.data(), req.size());
-    if (!addressToRtmd(req.data())) {
-      errno = ECONNREFUSED;
-      return -1;
-    }
-    if (qorIpcSendWaitWithRetry(key, req.data(), reply.data(), static_cast<uint32_t>(n),
-                                static_cast<uint32_t>(reply.size()), retries, MT_NM_CMD, attemptMs, 0) != 0)
-      return -1;
+    const size_t n = encodeRouteCountRequest(afIndex, vrfId, cursor, req.data(), req.size());
+    size_t len = 0;
+    if (nmExchange(key, req.data(), n, reply.data(), attemptMs, retries, &len) != 0) return -1;
     std::vector<RouteCountRow> rows = std::move(out->rows);
-    uint32_t mlen = ld32(reply.data(), IPC_OFF_MLEN);
-    if (decodeRouteCountReply(reply.data(), std::min<size_t>(mlen, reply.size()), out) != RTM_WIRE_OK ||
+    if (decodeRouteCountReply(reply.data(), len, out) != RTM_WIRE_OK ||
         out->status != RTM_RC_OK) {
       errno = EPROTO;
       return -1;

@@ -246,15 +246,9 @@ int decodeDnldClientsReply(const uint8_t *buf, size_t len, DnldClientsReply *out
 int queryDnldClients(int key, uint8_t afIndex, uint32_t vrfId, DnldClientsReply *out, int attemptMs, int retries) {
   std::vector<uint8_t> req(RTM_IPC_BUF_SIZE), reply(RTM_IPC_BUF_SIZE);
   const size_t n = encodeDnldClientsRequest(afIndex, vrfId, req.data(), req.size());
-  if (!addressToRtmd(req.data())) {
-    errno = ECONNREFUSED;
-    return -1;
-  }
-  if (qorIpcSendWaitWithRetry(key, req.data(), reply.data(), static_cast<uint32_t>(n),
-                              static_cast<uint32_t>(reply.size()), retries, MT_NM_CMD, attemptMs, 0) != 0)
-    return -1;
-  const size_t mlen = ld32(reply.data(), IPC_OFF_MLEN);
-  if (decodeDnldClientsReply(reply.data(), mlen < reply.size() ? mlen : reply.size(), out) != RTM_WIRE_OK ||
+  size_t len = 0;
+  if (nmExchange(key, req.data(), n, reply.data(), attemptMs, retries, &len) != 0) return -1;
+  if (decodeDnldClientsReply(reply.data(), len, out) != RTM_WIRE_OK ||
       out->status != RTM_DC_OK) {
     errno = EPROTO;
     return -1;

@@ -57,7 +57,7 @@ TEST(FeedRoutes, FileOfBothFamiliesWithCommentsAndDefaults) {
 TEST(FeedRoutes, EachBadLineIsNamedWithItsNumberAndWhatIsWrong) {
   const std::string sixtyFive = [] {
     std::string s;
-    for (int i = 1; i <= 65; ++i) s += (i > 1 ? "," : "") + std::string("192.0.2.") + std::to_string(i);
+    for (int i = 1; i <= 65; ++i) s.append(i > 1 ? ",192.0.2." : "192.0.2.").append(std::to_string(i));
     return s;
   }();
   struct Case {
