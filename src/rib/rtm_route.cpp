@@ -574,6 +574,12 @@ int rtmUpdateUnNumberedRte(uint32_t vrfId, uint8_t afIndex, qor_radix_tree *tree
   rt_entry *rte = rte_find(rth, cid, rtpGetSubtype(rtp), 1, rtpGetSrcVrf(rtp, afIndex));
   if (rte && rte->rte_nnh == 1) return RTM_SUCCESS;
   if (!rte) return RTM_NH_REMOVED;
+  if (rtpGetNnh(rtp) == 0) {
+    // A withdrawal that names no next hop has none to take off (and none to read).
+    char p[RTM_INET6_ADDRSTRLEN];
+    qorSysErr(rtmevkey, 0, 0x14800E, 0, "RTM: rtmUpdateUnNumberedRte", prefixText(afIndex, rtp, p), 0u);
+    return RTM_FAILURE;
+  }
   const uint8_t *nh = rtpNh(rtp, afIndex, 0);
   const uint32_t ifindex = rtpnhGetIfindex(nh, afIndex);
   rt_nh *n = nullptr;

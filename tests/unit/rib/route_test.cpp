@@ -277,6 +277,21 @@ TEST_F(Routes, UnnumberedDeleteOfTheLastSlotTakesTheWholeEntry) {
   EXPECT_EQ(refs("10.8.8.9", 0), 0);
 }
 
+TEST_F(Routes, UnnumberedWithdrawalWithoutANextHopTakesNothingOff) {
+  for (uint32_t i : {24u, 25u}) {
+    Route r = pos("10.8.8.11", i);
+    ASSERT_EQ(add(kPos, r), RTM_SUCCESS);
+  }
+  Route bare = pos("10.8.8.11", 24);
+  bare.nnh(0);
+  EXPECT_EQ(del(kPos, bare), RTM_FAILURE);
+  EXPECT_EQ(qorLogCount(0x14800E), 1u);
+  rt_head *h = head("10.8.8.11", 32);
+  ASSERT_NE(h->rtmh_rte, nullptr);
+  EXPECT_EQ(h->rtmh_rte->rte_nnh, 2u);
+  for (uint32_t i : {24u, 25u}) EXPECT_EQ(refs("0.0.0.0", i), 1) << i;
+}
+
 TEST_F(Routes, UnnumberedRouteForTheConnectedRibSharesNothingWithTheMainEntry) {
   Route main = pos("10.8.8.10", 31), con = pos("10.8.8.10", 32, RTP_FLAG_CONNECTED);
   ASSERT_EQ(add(kPos, main), RTM_SUCCESS);
