@@ -8,6 +8,9 @@
 # the default compiler around a standalone driver that replays the corpus and then mutates it
 # from a fixed seed, so the parsers are still exercised under ASan and UBSan.
 #
+# The mutation seed is fixed (FUZZ_SEED, default 1) so that a CI run can be repeated exactly;
+# FUZZ_SEED=0 lets libFuzzer pick a fresh one for exploring.
+#
 # FUZZ_ENGINE=standalone forces the driver without libFuzzer; FUZZ_BUILD_DIR and FUZZ_CORPUS_DIR
 # move the build and the kept corpus.
 #
@@ -57,6 +60,7 @@ for t in "${targets[@]}"; do
   echo "== $t"
   if [ "$engine" = libfuzzer ]; then
     (cd "$build" && "./fuzz/$t" -max_total_time="$per" -timeout=10 -max_len=8192 -print_final_stats=1 \
+        -seed="${FUZZ_SEED:-1}" \
         "$corpus" "$seeds/$t") || status=$?
   else
     (cd "$build" && "./fuzz/$t" -max_total_time="$per" -seed="${FUZZ_SEED:-1}" -max_len=8192 \
