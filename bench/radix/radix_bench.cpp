@@ -30,7 +30,7 @@ namespace {
 
 struct BenchHead {
   qor_radix_hdr hdr;
-  uint8_t body[43];    // the rest of a route head: times, bitmaps, entry pointer
+  uint8_t body[51];    // the rest of a route head: times, bitmaps, entry pointer
   uint8_t plen;
   uint8_t prefix[16];  // at offset 100
   uint8_t tail[12];
@@ -102,7 +102,7 @@ Dataset makeDataset(unsigned bits, size_t count, const LenShare (&lengths)[N], u
     std::string id(reinterpret_cast<char *>(h.prefix), bytes);
     id.push_back(char(h.plen));
     if (!seen.insert(id).second) continue;
-    h.hdr.rtmh_key = h.prefix;
+    qorRadixSetKey(&h.hdr, h.prefix);
     ++i;
   }
   auto shuffled = [&](uint64_t s) {
@@ -166,7 +166,7 @@ qor_radix_tree *newTree(const Dataset &d, bool accel) {
 void resetHeads(Dataset &d) {
   for (BenchHead &h : d.heads) {
     h.hdr = qor_radix_hdr{};
-    h.hdr.rtmh_key = h.prefix;
+    qorRadixSetKey(&h.hdr, h.prefix);
   }
 }
 

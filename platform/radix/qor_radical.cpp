@@ -25,29 +25,29 @@ namespace {
 
 bool registeredOn(const qor_radix_tree *t, const qor_radical_walker *w) {
   return isWalker(&w->wk_place) && w->wk_place.rtmh_version == t->rdl_serial &&
-         w->wk_place.rdl_link.rdl_next != nullptr;
+         listNext(&w->wk_place) != nullptr;
 }
 
 // The first head after e, passing over walkers; the anchor when there is none.
 inline qor_radix_hdr *nextHead(qor_radix_hdr *e) {
-  e = e->rdl_link.rdl_next;
-  while (isWalker(e)) e = e->rdl_link.rdl_next;
+  e = listNext(e);
+  while (isWalker(e)) e = listNext(e);
   return e;
 }
 
 void restartList(qor_radix_tree *t) {
   qor_radix_hdr *anchor = &t->rdl_anchor;
-  qor_radix_hdr *e = anchor->rdl_link.rdl_next;
+  qor_radix_hdr *e = listNext(anchor);
   listInit(anchor);
   while (e != anchor) {
-    qor_radix_hdr *nx = e->rdl_link.rdl_next;
+    qor_radix_hdr *nx = listNext(e);
     if (isWalker(e)) {
       // wk_place is the first member: the place-holder is the walker.
       reinterpret_cast<qor_radical_walker *>(e)->walker_version = 0;
-      listInsertAfter(anchor->rdl_link.rdl_prev, e);
+      listInsertAfter(anchor->rdl_prev, e);
     } else {
-      e->rdl_link.rdl_next = nullptr;
-      e->rdl_link.rdl_prev = nullptr;
+      qorRadixSetListNext(e, nullptr);
+      e->rdl_prev = nullptr;
       e->rtmh_version = 0;
     }
     e = nx;
@@ -89,7 +89,7 @@ WalkOutcome walkList(qor_radix_tree *t, qor_radical_walker *w, QorRadixWalkCB cb
       break;
     }
     // A restart of the list, or the walker taken off it by the callback, ends the walk.
-    if (t->rdl_epoch != epoch || !place->rdl_link.rdl_next) {
+    if (t->rdl_epoch != epoch || !listNext(place)) {
       out.stopped = 1;
       break;
     }
@@ -111,15 +111,15 @@ int qorRadicalAppendToChangeList(qor_radix_tree *tree, qor_radix_hdr *head) {
   }
   qor_radix_hdr *anchor = &tree->rdl_anchor;
   head->rtmh_version = ++tree->rdx_version;
-  if (anchor->rdl_link.rdl_prev != head) {  // already last: only the version moves
-    if (head->rdl_link.rdl_next) listUnlink(head);
-    listInsertAfter(anchor->rdl_link.rdl_prev, head);
+  if (anchor->rdl_prev != head) {  // already last: only the version moves
+    if (listNext(head)) listUnlink(head);
+    listInsertAfter(anchor->rdl_prev, head);
   }
   return result;
 }
 
 int qorRadicalRemoveFromChangeList(qor_radix_tree *tree, qor_radix_hdr *head) {
-  if (!tree || !head || isWalker(head) || !head->rdl_link.rdl_next) return 1;
+  if (!tree || !head || isWalker(head) || !listNext(head)) return 1;
   listUnlink(head);
   return 0;
 }
@@ -131,8 +131,8 @@ int qorRadicalWalkConstructor(qor_radix_tree *tree, qor_radical_walker *walker) 
   } else {
     ++tree->rdl_walkers;
   }
-  walker->wk_place.rn_flags = QOR_RADIX_MARK;
-  walker->wk_place.rtmh_key = nullptr;
+  qorRadixSetFlags(&walker->wk_place, QOR_RADIX_MARK);
+  qorRadixSetKey(&walker->wk_place, nullptr);
   walker->wk_place.rtmh_version = tree->rdl_serial;  // which tree the place-holder is on
   walker->walker_version = 0;
   listInsertAfter(&tree->rdl_anchor, &walker->wk_place);
@@ -143,7 +143,7 @@ int qorRadicalWalkDestructor(qor_radix_tree *tree, qor_radical_walker *walker) {
   if (!tree || !walker) return 1;
   if (!registeredOn(tree, walker)) return 1;
   listUnlink(&walker->wk_place);
-  walker->wk_place.rn_flags = 0;
+  qorRadixSetFlags(&walker->wk_place, 0);
   walker->wk_place.rtmh_version = 0;
   --tree->rdl_walkers;
   return 0;
@@ -177,8 +177,8 @@ int qorRadixVersionWalk(qor_radix_tree *tree, uint64_t fromVersion, QorRadixWalk
   qorRadicalWalkConstructor(tree, &w);
   listUnlink(&w.wk_place);
   qor_radix_hdr *anchor = &tree->rdl_anchor;
-  qor_radix_hdr *pos = anchor->rdl_link.rdl_prev;
-  while (pos != anchor && (isWalker(pos) || pos->rtmh_version > fromVersion)) pos = pos->rdl_link.rdl_prev;
+  qor_radix_hdr *pos = anchor->rdl_prev;
+  while (pos != anchor && (isWalker(pos) || pos->rtmh_version > fromVersion)) pos = pos->rdl_prev;
   listInsertAfter(pos, &w.wk_place);
   w.walker_version = fromVersion;
   WalkOutcome out = walkList(tree, &w, cb, UINT32_MAX, UINT64_MAX, arg);

@@ -1,7 +1,7 @@
 // The radix tree: a path-compressed binary trie of prefixes.
 //
-// Shape. Every node stands for one prefix, its first rn_bit bits; a child extends its parent's
-// prefix and sits on the side of the key bit at position rn_bit. A head is the node of its own
+// Shape. Every node stands for one prefix, its first prefix-length bits; a child extends its parent's
+// prefix and sits on the side of the key bit at position of its length. A head is the node of its own
 // prefix (its header is the node); any other node is internal and has two children (it exists
 // only because two subtrees diverge there), so a tree of N heads has fewer than N internal
 // nodes, and the internal ones are all the tree allocates.
@@ -9,7 +9,7 @@
 // Lookups go down testing one bit per node without looking at keys, remember the nodes with
 // heads they passed, and compare the key once, against the deepest node reached: the first
 // differing bit tells at once which of the remembered prefixes match. Each node keeps the first
-// 32 bits of its prefix (rn_key32), so for IPv4 the whole search touches nodes only; wider keys
+// 32 bits of its prefix (the key bytes of the node), so for IPv4 the whole search touches nodes only; wider keys
 // read a head's key only when those 32 bits do not decide.
 //
 // Accelerator. At 1M prefixes a lookup from the root passes some 20 nodes, most of them cache
@@ -104,21 +104,27 @@ inline unsigned firstDiff(const Key &a, const Key &b) {
 }
 
 inline Key headKey(const qor_radix_tree *t, const qor_radix_hdr *h) {
-  return loadKey(h->rtmh_key, t->rdx_keyBytes);
+  return loadKey(qorRadixKey(h), t->rdx_keyBytes);
 }
 
-inline bool isHead(const qor_radix_node *n) { return !(n->rn_flags & QOR_RADIX_INTERNAL); }
+inline qor_radix_node *child(const qor_radix_node *n, unsigned side) { return qorRadixChild(n, side); }
+inline qor_radix_node *parent(const qor_radix_node *n) { return qorRadixParent(n); }
+inline unsigned blen(const qor_radix_node *n) { return qorRadixBit(n); }
+inline uint32_t key32(const qor_radix_node *n) { return qorRadixKey32(n); }
+inline uint8_t flags(const qor_radix_node *n) { return qorRadixFlags(n); }
+
+inline bool isHead(const qor_radix_node *n) { return !(flags(n) & QOR_RADIX_INTERNAL); }
 
 // The key of some head under n: all of them share n's prefix.
 inline Key refKey(const qor_radix_tree *t, const qor_radix_node *n) {
-  while (n->rn_flags & QOR_RADIX_INTERNAL) n = n->rn_child[0];
+  while (flags(n) & QOR_RADIX_INTERNAL) n = child(n, 0);
   return headKey(t, n);
 }
 
-// First bit, below `limit` (<= n->rn_bit), where k differs from n's prefix; limit if none.
+// First bit, below `limit` (<= blen(n)), where k differs from n's prefix; limit if none.
 inline unsigned diffNode(const qor_radix_tree *t, const Key &k, const qor_radix_node *n,
                          unsigned limit) {
-  if (uint32_t x = top32(k) ^ n->rn_key32) {
+  if (uint32_t x = top32(k) ^ key32(n)) {
     unsigned d = unsigned(__builtin_clz(x));
     return d < limit ? d : limit;
   }
@@ -127,9 +133,9 @@ inline unsigned diffNode(const qor_radix_tree *t, const Key &k, const qor_radix_
   return d < limit ? d : limit;
 }
 
-// The bit at `pos` (< n->rn_bit) of n's prefix.
+// The bit at `pos` (< blen(n)) of n's prefix.
 inline unsigned nodeBit(const qor_radix_tree *t, const qor_radix_node *n, unsigned pos) {
-  if (pos < 32) return (n->rn_key32 >> (31 - pos)) & 1;
+  if (pos < 32) return (key32(n) >> (31 - pos)) & 1;
   return bitAt(refKey(t, n), pos);
 }
 
@@ -153,7 +159,7 @@ inline uintptr_t hintOf(const qor_radix_node *n) { return n ? reinterpret_cast<u
 // to the tree's spares, where the next insert finds it. A failed allocation fails the insert
 // only if the node turns out to be needed.
 void pushSpare(qor_radix_tree *t, qor_radix_node *n) {
-  n->rn_child[0] = t->rdx_spare;
+  qorRadixSetChild(n, 0, t->rdx_spare);
   t->rdx_spare = n;
   ++t->rdx_spares;
 }
@@ -163,7 +169,7 @@ class NodeReserve {
   explicit NodeReserve(qor_radix_tree *t) : t_(t) {
     if (t->rdx_spares > t->rdx_fullHeads) {
       mem_ = t->rdx_spare;
-      t->rdx_spare = mem_->rn_child[0];
+      t->rdx_spare = child(mem_, 0);
       --t->rdx_spares;
     } else if ((mem_ = static_cast<qor_radix_node *>(t->rdx_alloc(QOR_RADIX_NODE_SIZE)))) {
       t->rdx_nodeBytes += QOR_RADIX_NODE_SIZE;
@@ -186,9 +192,9 @@ class NodeReserve {
 
   static void initInternal(qor_radix_node *n, unsigned bit, uint32_t key32) {
     std::memset(static_cast<void *>(n), 0, QOR_RADIX_NODE_SIZE);
-    n->rn_bit = uint8_t(bit);
-    n->rn_key32 = mask32(key32, bit);
-    n->rn_flags = QOR_RADIX_INTERNAL;
+    qorRadixSetBit(n, bit);
+    qorRadixSetKey32(n, mask32(key32, bit));
+    qorRadixSetFlags(n, QOR_RADIX_INTERNAL);
   }
 
  private:
@@ -201,7 +207,7 @@ class NodeReserve {
 void trimSpares(qor_radix_tree *t) {
   while (t->rdx_spares > t->rdx_fullHeads + (t->rdx_heads ? 1 : 0)) {
     qor_radix_node *n = t->rdx_spare;
-    t->rdx_spare = n->rn_child[0];
+    t->rdx_spare = child(n, 0);
     --t->rdx_spares;
     t->rdx_nodeBytes -= QOR_RADIX_NODE_SIZE;
     t->rdx_free(n);
@@ -217,36 +223,36 @@ void freeNode(qor_radix_tree *t, qor_radix_node *n) {
 // A spare taken for a head that has lost one of its two children's places to a node.
 qor_radix_node *popSpare(qor_radix_tree *t) {
   qor_radix_node *n = t->rdx_spare;
-  t->rdx_spare = n->rn_child[0];
+  t->rdx_spare = child(n, 0);
   --t->rdx_spares;
   return n;
 }
 
 // y takes x's place under x's parent.
 inline void replaceInParent(qor_radix_tree *t, qor_radix_node *x, qor_radix_node *y) {
-  qor_radix_node *p = x->rn_parent;
-  if (y) y->rn_parent = p;
+  qor_radix_node *p = parent(x);
+  if (y) qorRadixSetParent(y, p);
   if (!p) t->rdx_root = y;
-  else p->rn_child[p->rn_child[1] == x] = y;
+  else qorRadixSetChild(p, qorRadixChild(p, 1) == x, y);
 }
 
 // ---- Order ----
 
 inline qor_radix_node *firstHeadedIn(qor_radix_node *n) {
-  while (n && !isHead(n)) n = n->rn_child[0];  // an internal node always has child 0
+  while (n && !isHead(n)) n = child(n, 0);  // an internal node always has child 0
   return n;
 }
 
 // The first node in pre-order after n's whole subtree.
 inline qor_radix_node *afterSubtree(const qor_radix_node *n) {
-  for (const qor_radix_node *p = n->rn_parent; p; n = p, p = p->rn_parent)
-    if (p->rn_child[0] == n && p->rn_child[1]) return p->rn_child[1];
+  for (const qor_radix_node *p = parent(n); p; n = p, p = parent(p))
+    if (child(p, 0) == n && child(p, 1)) return child(p, 1);
   return nullptr;
 }
 
 inline qor_radix_node *nextPre(const qor_radix_node *n) {
-  if (n->rn_child[0]) return n->rn_child[0];
-  if (n->rn_child[1]) return n->rn_child[1];
+  if (child(n, 0)) return child(n, 0);
+  if (child(n, 1)) return child(n, 1);
   return afterSubtree(n);
 }
 
@@ -254,21 +260,21 @@ inline qor_radix_node *nextPre(const qor_radix_node *n) {
 qor_radix_node *nextAfterKey(const qor_radix_tree *t, const Key &k, unsigned len) {
   qor_radix_node *n = t->rdx_root;
   if (!n) return nullptr;
-  while (n->rn_bit < len) {
-    qor_radix_node *c = n->rn_child[bitAt(k, n->rn_bit)];
+  while (blen(n) < len) {
+    qor_radix_node *c = child(n, bitAt(k, blen(n)));
     if (!c) break;
     n = c;
   }
-  unsigned d = diffNode(t, k, n, std::min<unsigned>(len, n->rn_bit));
+  unsigned d = diffNode(t, k, n, std::min<unsigned>(len, blen(n)));
   qor_radix_node *x = n;
-  while (x->rn_parent && x->rn_parent->rn_bit >= d) x = x->rn_parent;
+  while (parent(x) && blen(parent(x)) >= d) x = parent(x);
   if (d == len) {
     // (k, len) is x itself, or a prefix of everything under x.
-    return firstHeadedIn(x->rn_bit == len ? nextPre(x) : x);
+    return firstHeadedIn(blen(x) == len ? nextPre(x) : x);
   }
-  if (x->rn_bit == d) {
+  if (blen(x) == d) {
     // (k, len) would hang in x's empty slot on side bitAt(k, d).
-    if (bitAt(k, d) == 0 && x->rn_child[1]) return firstHeadedIn(x->rn_child[1]);
+    if (bitAt(k, d) == 0 && child(x, 1)) return firstHeadedIn(child(x, 1));
     return firstHeadedIn(afterSubtree(x));
   }
   // (k, len) and x's subtree part at bit d: all of x's subtree is on one side of it.
@@ -301,10 +307,10 @@ void accelThresholds(const qor_radix_tree *t, QorRadixAccel *a) {
                                             : uint64_t(min * std::exp2(double(a->bits) - 17.5));
 }
 
-// A node above the stride covers 2^(bits - rn_bit) blocks from its prefix on.
-inline size_t rangeFirst(const QorRadixAccel *a, const qor_radix_node *n) { return blockOf(a, n->rn_key32); }
+// A node above the stride covers 2^(bits - length) blocks from its prefix on.
+inline size_t rangeFirst(const QorRadixAccel *a, const qor_radix_node *n) { return blockOf(a, key32(n)); }
 inline size_t rangeCount(const QorRadixAccel *a, const qor_radix_node *n) {
-  return size_t(1) << (a->bits - n->rn_bit);
+  return size_t(1) << (a->bits - blen(n));
 }
 
 // Hints are only a place to start from, so refreshing them is optional: done where it is cheap.
@@ -313,8 +319,8 @@ constexpr size_t kHintRefreshMax = 64;
 inline void accelNewNode(qor_radix_tree *t, qor_radix_node *y) {
   QorRadixAccel *a = t->rdx_accel;
   if (!a) return;
-  if (y->rn_bit >= a->bits) {
-    if (!y->rn_parent || y->rn_parent->rn_bit < a->bits) a->slot[blockOf(a, y->rn_key32)] = reinterpret_cast<uintptr_t>(y);
+  if (blen(y) >= a->bits) {
+    if (!parent(y) || blen(parent(y)) < a->bits) a->slot[blockOf(a, key32(y))] = reinterpret_cast<uintptr_t>(y);
     return;
   }
   // Empty blocks under a new node above the stride start their inserts from it.
@@ -328,31 +334,31 @@ inline void accelNewNode(qor_radix_tree *t, qor_radix_node *y) {
 inline void accelReplaced(qor_radix_tree *t, const qor_radix_node *x, qor_radix_node *c) {
   QorRadixAccel *a = t->rdx_accel;
   if (!a) return;
-  if (x->rn_bit >= a->bits) {
-    if (!x->rn_parent || x->rn_parent->rn_bit < a->bits)
-      a->slot[blockOf(a, x->rn_key32)] = c ? reinterpret_cast<uintptr_t>(c) : hintOf(x->rn_parent);
+  if (blen(x) >= a->bits) {
+    if (!parent(x) || blen(parent(x)) < a->bits)
+      a->slot[blockOf(a, key32(x))] = c ? reinterpret_cast<uintptr_t>(c) : hintOf(parent(x));
     return;
   }
   // No block may start from a node that goes: its parent covers all it covered.
-  const uintptr_t from = hintOf(x), to = hintOf(x->rn_parent);
+  const uintptr_t from = hintOf(x), to = hintOf(parent(x));
   for (size_t i = rangeFirst(a, x), end = i + rangeCount(a, x); i < end; ++i)
     if (a->slot[i] == from) a->slot[i] = to;
 }
 
 inline void accelShortAdd(qor_radix_tree *t, qor_radix_node *n) {
   QorRadixAccel *a = t->rdx_accel;
-  if (!a || n->rn_bit >= a->bits) return;
-  size_t first = blockOf(a, n->rn_key32), count = size_t(1) << (a->bits - n->rn_bit);
+  if (!a || blen(n) >= a->bits) return;
+  size_t first = blockOf(a, key32(n)), count = size_t(1) << (a->bits - blen(n));
   for (size_t i = first; i < first + count; ++i) {
     qor_radix_hdr *&b = a->shortBest[i];
-    if (!b || b->rn_bit < n->rn_bit) b = n;
+    if (!b || blen(b) < blen(n)) b = n;
   }
 }
 
 inline void accelShortRemove(qor_radix_tree *t, const qor_radix_node *n, qor_radix_hdr *repl) {
   QorRadixAccel *a = t->rdx_accel;
-  if (!a || n->rn_bit >= a->bits) return;
-  size_t first = blockOf(a, n->rn_key32), count = size_t(1) << (a->bits - n->rn_bit);
+  if (!a || blen(n) >= a->bits) return;
+  size_t first = blockOf(a, key32(n)), count = size_t(1) << (a->bits - blen(n));
   for (size_t i = first; i < first + count; ++i)
     if (a->shortBest[i] == n) a->shortBest[i] = repl;
 }
@@ -388,8 +394,8 @@ inline void fillSlots(QorRadixAccel *a, size_t from, size_t to, uintptr_t v) {
 void accelFill(qor_radix_tree *t, QorRadixAccel *a) {
   qor_radix_node *root = t->rdx_root;
   if (!root) return;
-  if (root->rn_bit >= a->bits) {
-    a->slot[blockOf(a, root->rn_key32)] = reinterpret_cast<uintptr_t>(root);
+  if (blen(root) >= a->bits) {
+    a->slot[blockOf(a, key32(root))] = reinterpret_cast<uintptr_t>(root);
     return;
   }
   qor_radix_node *stack[130];
@@ -401,18 +407,18 @@ void accelFill(qor_radix_tree *t, QorRadixAccel *a) {
     const size_t half = rangeCount(a, y) / 2;
     for (unsigned side = 0; side < 2; ++side) {
       const size_t r0 = rangeFirst(a, y) + side * half, r1 = r0 + half;
-      qor_radix_node *c = y->rn_child[side];
-      if (c && c->rn_bit < a->bits) {
+      qor_radix_node *c = child(y, side);
+      if (c && blen(c) < a->bits) {
         const size_t c0 = rangeFirst(a, c), c1 = c0 + rangeCount(a, c);
         fillSlots(a, r0, c0, hintOf(y));
         fillSlots(a, c1, r1, hintOf(y));
       } else {
         fillSlots(a, r0, r1, hintOf(y));
-        if (c) a->slot[blockOf(a, c->rn_key32)] = reinterpret_cast<uintptr_t>(c);
+        if (c) a->slot[blockOf(a, key32(c))] = reinterpret_cast<uintptr_t>(c);
       }
     }
     for (int side = 1; side >= 0; --side)  // child 0 first: pre-order
-      if (qor_radix_node *c = y->rn_child[side]; c && c->rn_bit < a->bits) stack[sp++] = c;
+      if (qor_radix_node *c = child(y, side); c && blen(c) < a->bits) stack[sp++] = c;
   }
 }
 
@@ -459,8 +465,8 @@ inline bool accelUsable(const qor_radix_tree *t, unsigned len) {
 }
 
 qor_radix_hdr *insertHead(qor_radix_tree *t, qor_radix_hdr *head, unsigned len, bool attach) {
-  if (!t || !head || !head->rtmh_key || len > t->rdx_keyBits) return nullptr;
-  if (head->rn_flags & (QOR_RADIX_LINKED | QOR_RADIX_MARK)) return nullptr;  // in a tree already
+  if (!t || !head || !qorRadixKey(head) || len > t->rdx_keyBits) return nullptr;
+  if (flags(head) & (QOR_RADIX_LINKED | QOR_RADIX_MARK)) return nullptr;  // in a tree already
   const Key k = maskKey(headKey(t, head), len);
   const uint32_t k32 = top32(k);
   qor_radix_node *n = t->rdx_root;
@@ -475,32 +481,35 @@ qor_radix_hdr *insertHead(qor_radix_tree *t, qor_radix_hdr *head, unsigned len, 
   NodeReserve nodes(t);
   // The head becomes the node of its own prefix.
   auto link = [&] {
-    head->rn_child[0] = head->rn_child[1] = head->rn_parent = nullptr;
-    head->rn_key32 = k32;
-    head->rn_bit = uint8_t(len);
-    head->rn_flags = QOR_RADIX_LINKED;
+    qorRadixSetChild(head, 0, nullptr);
+    qorRadixSetChild(head, 1, nullptr);
+    qorRadixSetParent(head, nullptr);
+    qorRadixSetKey32(head, k32);
+    qorRadixSetBit(head, len);
+    qorRadixSetFlags(head, uint8_t((qorRadixFlags(head) & QOR_RADIX_USER_BITS) | QOR_RADIX_LINKED));
   };
   qor_radix_node *split = nullptr;
   if (!n) {
     link();
     t->rdx_root = head;
   } else {
-    while (n->rn_bit < stop) {
-      qor_radix_node *c = n->rn_child[bitAt(k, n->rn_bit)];
+    while (blen(n) < stop) {
+      qor_radix_node *c = child(n, bitAt(k, blen(n)));
       if (!c) break;
       n = c;
     }
-    const unsigned d = diffNode(t, k, n, std::min<unsigned>(len, n->rn_bit));
+    const unsigned d = diffNode(t, k, n, std::min<unsigned>(len, blen(n)));
     qor_radix_node *x = n;
-    while (x->rn_parent && x->rn_parent->rn_bit >= d) x = x->rn_parent;
-    if (d == len && x->rn_bit == len) {
+    while (parent(x) && blen(parent(x)) >= d) x = parent(x);
+    if (d == len && blen(x) == len) {
       if (isHead(x)) return attach ? x : nullptr;
       // An internal node at exactly this prefix: the head takes its place, and the node becomes
       // the spare the head now owes, since it joins two subtrees.
       link();
-      for (qor_radix_node *c : x->rn_child) c->rn_parent = head;
-      head->rn_child[0] = x->rn_child[0];
-      head->rn_child[1] = x->rn_child[1];
+      for (unsigned side = 0; side < 2; ++side) {
+        qorRadixSetParent(child(x, side), head);
+        qorRadixSetChild(head, side, child(x, side));
+      }
       accelReplaced(t, x, head);
       replaceInParent(t, x, head);
       freeNode(t, x);
@@ -510,17 +519,17 @@ qor_radix_hdr *insertHead(qor_radix_tree *t, qor_radix_hdr *head, unsigned len, 
       link();
       unsigned b = nodeBit(t, x, len);
       replaceInParent(t, x, head);
-      head->rn_child[b] = x;
-      x->rn_parent = head;
-    } else if (x->rn_bit == d) {
+      qorRadixSetChild(head, b, x);
+      qorRadixSetParent(x, head);
+    } else if (blen(x) == d) {
       // x's prefix covers the new one and x's slot on its side is empty, so x is a head; if
       // its other side is taken, it now has two children and owes a spare (the reserve's node,
       // which goes to the spares when `nodes` ends).
-      const bool full = x->rn_child[0] || x->rn_child[1];
+      const bool full = child(x, 0) || child(x, 1);
       if (full && !nodes.has()) return nullptr;
       link();
-      x->rn_child[bitAt(k, d)] = head;
-      head->rn_parent = x;
+      qorRadixSetChild(x, bitAt(k, d), head);
+      qorRadixSetParent(head, x);
       if (full) ++t->rdx_fullHeads;
     } else {
       // The keys part at bit d above x: a new internal node joins x and the new prefix.
@@ -529,10 +538,10 @@ qor_radix_hdr *insertHead(qor_radix_tree *t, qor_radix_hdr *head, unsigned len, 
       link();
       unsigned b = bitAt(k, d);
       replaceInParent(t, x, split);
-      split->rn_child[b] = head;
-      split->rn_child[b ^ 1] = x;
-      head->rn_parent = split;
-      x->rn_parent = split;
+      qorRadixSetChild(split, b, head);
+      qorRadixSetChild(split, b ^ 1, x);
+      qorRadixSetParent(head, split);
+      qorRadixSetParent(x, split);
       accelNewNode(t, split);
     }
   }
@@ -574,17 +583,17 @@ void qorRadixDestroy(qor_radix_tree *tree) {
   // internal node, or unlink a head.
   qor_radix_node *n = tree->rdx_root;
   while (n) {
-    if (qor_radix_node *c = n->rn_child[0]) {
-      n->rn_child[0] = nullptr;
+    if (qor_radix_node *c = child(n, 0)) {
+      qorRadixSetChild(n, 0, nullptr);
       n = c;
-    } else if (qor_radix_node *c1 = n->rn_child[1]) {
-      n->rn_child[1] = nullptr;
+    } else if (qor_radix_node *c1 = child(n, 1)) {
+      qorRadixSetChild(n, 1, nullptr);
       n = c1;
     } else {
-      qor_radix_node *p = n->rn_parent;
+      qor_radix_node *p = parent(n);
       if (isHead(n)) {
-        n->rn_parent = nullptr;
-        n->rn_flags &= uint8_t(~QOR_RADIX_LINKED);
+        qorRadixSetParent(n, nullptr);
+        qorRadixSetFlags(n, uint8_t(flags(n) & ~QOR_RADIX_LINKED));
       } else {
         tree->rdx_free(n);
       }
@@ -609,7 +618,7 @@ int qorRadixRemove(qor_radix_tree *tree, qor_radix_hdr *head) {
 #ifndef NDEBUG
   {
     const qor_radix_node *r = head;
-    while (r->rn_parent) r = r->rn_parent;
+    while (parent(r)) r = parent(r);
     if (r != tree->rdx_root) {
       QOR_ASSERT(r == tree->rdx_root);  // the head belongs to another tree
       return 1;
@@ -617,46 +626,48 @@ int qorRadixRemove(qor_radix_tree *tree, qor_radix_hdr *head) {
   }
 #endif
   qor_radix_node *const n = head;
-  if (head->rdl_link.rdl_next) listUnlink(head);
-  if (tree->rdx_accel && n->rn_bit < tree->rdx_accel->bits) {
-    qor_radix_node *p = n->rn_parent;
-    while (p && !isHead(p)) p = p->rn_parent;
+  if (onList(head)) listUnlink(head);
+  if (tree->rdx_accel && blen(n) < tree->rdx_accel->bits) {
+    qor_radix_node *p = parent(n);
+    while (p && !isHead(p)) p = parent(p);
     accelShortRemove(tree, n, p);
   }
   --tree->rdx_heads;
   ++tree->rdx_gen;
-  if (n->rn_child[0] && n->rn_child[1]) {
+  if (child(n, 0) && child(n, 1)) {
     // The place still joins two subtrees: the spare this head owed takes it.
     qor_radix_node *y = popSpare(tree);
     --tree->rdx_fullHeads;
-    NodeReserve::initInternal(y, n->rn_bit, n->rn_key32);
+    NodeReserve::initInternal(y, blen(n), key32(n));
     for (int side = 0; side < 2; ++side) {
-      y->rn_child[side] = n->rn_child[side];
-      y->rn_child[side]->rn_parent = y;
+      qorRadixSetChild(y, side, child(n, side));
+      qorRadixSetParent(child(y, side), y);
     }
     accelReplaced(tree, n, y);
     replaceInParent(tree, n, y);
-  } else if (qor_radix_node *c = n->rn_child[0] ? n->rn_child[0] : n->rn_child[1]) {
+  } else if (qor_radix_node *c = child(n, 0) ? child(n, 0) : child(n, 1)) {
     accelReplaced(tree, n, c);
     replaceInParent(tree, n, c);
     --tree->rdx_nodes;
   } else {
-    qor_radix_node *p = n->rn_parent;
+    qor_radix_node *p = parent(n);
     accelReplaced(tree, n, nullptr);
     replaceInParent(tree, n, nullptr);
     --tree->rdx_nodes;
     if (p && !isHead(p)) {
       // An internal parent left with one child has no reason to exist.
-      qor_radix_node *s = p->rn_child[0] ? p->rn_child[0] : p->rn_child[1];
+      qor_radix_node *s = child(p, 0) ? child(p, 0) : child(p, 1);
       accelReplaced(tree, p, s);
       replaceInParent(tree, p, s);
       freeNode(tree, p);
-    } else if (p && (p->rn_child[0] || p->rn_child[1])) {
+    } else if (p && (child(p, 0) || child(p, 1))) {
       --tree->rdx_fullHeads;  // a head parent had two children: it owes its spare no more
     }
   }
-  head->rn_child[0] = head->rn_child[1] = head->rn_parent = nullptr;
-  head->rn_flags &= uint8_t(~QOR_RADIX_LINKED);
+  qorRadixSetChild(head, 0, nullptr);
+  qorRadixSetChild(head, 1, nullptr);
+  qorRadixSetParent(head, nullptr);
+  qorRadixSetFlags(head, uint8_t(flags(head) & ~QOR_RADIX_LINKED));
   trimSpares(tree);
   if (tree->rdx_accel && tree->rdx_heads < tree->rdx_accel->shrinkAt) accelResize(tree);
   return 0;
@@ -667,8 +678,8 @@ qor_radix_hdr *qorRadixGetExact(qor_radix_tree *tree, const void *key, unsigned 
   const Key k = maskKey(loadKey(static_cast<const uint8_t *>(key), tree->rdx_keyBytes), prefixlen);
   const qor_radix_node *n = tree->rdx_root;
   if (accelUsable(tree, prefixlen)) n = slotTop(tree->rdx_accel->slot[blockOf(tree->rdx_accel, top32(k))]);
-  while (n && n->rn_bit < prefixlen) n = n->rn_child[bitAt(k, n->rn_bit)];
-  if (!n || n->rn_bit != prefixlen || !isHead(n)) return nullptr;
+  while (n && blen(n) < prefixlen) n = child(n, bitAt(k, blen(n)));
+  if (!n || blen(n) != prefixlen || !isHead(n)) return nullptr;
   return diffNode(tree, k, n, prefixlen) == prefixlen ? const_cast<qor_radix_hdr *>(n) : nullptr;
 }
 
@@ -687,23 +698,23 @@ qor_radix_hdr *qorRadixGetBest(qor_radix_tree *tree, const void *key, unsigned p
   const qor_radix_node *passed[130];  // nodes with heads on the way down, shortest first
   unsigned np = 0;
   const qor_radix_node *last = nullptr;
-  while (n && n->rn_bit <= prefixlen) {
-    if (!(n->rn_flags & QOR_RADIX_INTERNAL)) passed[np++] = n;
+  while (n && blen(n) <= prefixlen) {
+    if (!(flags(n) & QOR_RADIX_INTERNAL)) passed[np++] = n;
     last = n;
-    if (n->rn_bit == prefixlen) break;
-    n = n->rn_child[bitAt(k, n->rn_bit)];
+    if (blen(n) == prefixlen) break;
+    n = child(n, bitAt(k, blen(n)));
   }
   if (!np) return fallback;
   // Every passed prefix is a prefix of last's, so those no longer than the match length match.
-  const unsigned m = diffNode(tree, k, last, last->rn_bit);
-  while (np && passed[np - 1]->rn_bit > m) --np;
+  const unsigned m = diffNode(tree, k, last, blen(last));
+  while (np && blen(passed[np - 1]) > m) --np;
   return np ? const_cast<qor_radix_hdr *>(passed[np - 1]) : fallback;
 }
 
 qor_radix_hdr *qorRadixGetLessSpecific(qor_radix_tree *tree, const qor_radix_hdr *head) {
   if (!tree || !head || !qorRadixIsLinked(head)) return nullptr;
-  qor_radix_node *p = head->rn_parent;
-  while (p && !isHead(p)) p = p->rn_parent;
+  qor_radix_node *p = parent(head);
+  while (p && !isHead(p)) p = parent(p);
   return p;
 }
 
@@ -732,7 +743,7 @@ int qorRadixWalk(qor_radix_tree *tree, int order, QorRadixWalkCB cb, int flags, 
     qor_radix_hdr *head = n;
     qor_radix_node *next = firstHeadedIn(nextPre(n));
     const uint64_t gen = tree->rdx_gen;
-    const unsigned len = n->rn_bit;
+    const unsigned len = blen(n);
     const Key k = maskKey(headKey(tree, head), len);  // the head may be gone after the call
     if (int r = cb(head, arg)) return r;
     if (tree->rdx_gen != gen) next = nextAfterKey(tree, k, len);
@@ -762,9 +773,9 @@ void qorRadixPrefetch(const qor_radix_tree *tree, const void *key, unsigned pref
   }
   // What the descent reads after the block's node: the child on the key's side, and the node
   // above, which an insert that lands on the block's node links to.
-  if (n->rn_bit < prefixlen)
-    if (const qor_radix_node *c = n->rn_child[bitAt(k, n->rn_bit)]) __builtin_prefetch(c);
-  if (n->rn_parent) __builtin_prefetch(n->rn_parent);
+  if (blen(n) < prefixlen)
+    if (const qor_radix_node *c = child(n, bitAt(k, blen(n)))) __builtin_prefetch(c);
+  if (parent(n)) __builtin_prefetch(parent(n));
 }
 
 size_t qorRadixBytes(const qor_radix_tree *tree) {

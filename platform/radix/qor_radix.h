@@ -3,11 +3,11 @@
 // A tree holds records ("heads") keyed by a prefix of 0..keyBits bits (32 for IPv4, 128 for
 // IPv6; the width is a property of the tree and one code path serves all widths). Every
 // record begins with a qor_radix_hdr: the header is the record's node in the tree, it finds
-// the key through rtmh_key, and it keeps the record on the tree's change list through
+// the key through qorRadixKey, and it keeps the record on the tree's change list through
 // rtmh_version and the list links. The tree allocates only its internal nodes, through the
 // functions given at creation; it never allocates or frees records.
 //
-// The tree is a path-compressed binary trie. A node stands for one prefix (its first rn_bit
+// The tree is a path-compressed binary trie. A node stands for one prefix (its first qorRadixBit
 // bits); a head is the node of its own prefix, and an internal node (flag QOR_RADIX_INTERNAL)
 // exists only where the keys below it diverge, so an internal node always has two children
 // and a tree of N heads has fewer than N internal nodes. Prefixes nest: a node's descendants
@@ -35,6 +35,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include <bit>
+
 struct qor_radix_hdr;
 struct qor_radix_tree;
 // A node of the tree is a record's header: the head of a prefix is its own node, and the
@@ -42,64 +44,125 @@ struct qor_radix_tree;
 // from the tree's allocator.
 using qor_radix_node = qor_radix_hdr;
 
-// Links of the change list.
-struct qor_radical_link {
-  qor_radix_hdr *rdl_next;  // null when the head is not on a change list
-  qor_radix_hdr *rdl_prev;
-};
-
-// Where a record keeps its key: assigned a pointer into the record (behind the header, within
-// 64 KiB of its start), read back as that pointer. It is held as an offset so that the node a
-// search reads stays in 32 bytes.
-class qor_radix_keyref {
- public:
-  qor_radix_keyref &operator=(const uint8_t *key);
-  operator const uint8_t *() const;
-
- private:
-  uint16_t rk_off = 0;  // 0: no key
-};
-
-// Node flags.
+// Node flags. The low three are the tree's; the others (QOR_RADIX_USER_BITS) belong to the
+// record, which may keep small marks there (the tree never reads or changes them).
 constexpr uint8_t QOR_RADIX_LINKED = 0x1;    // a head in a tree
 constexpr uint8_t QOR_RADIX_INTERNAL = 0x2;  // an internal node: holds no head, joins two subtrees
 constexpr uint8_t QOR_RADIX_MARK = 0x4;      // a walker's place-holder on a change list
+constexpr uint8_t QOR_RADIX_USER_BITS = 0xF8;
 
-// The first bytes of every record that lives in a tree (56 bytes on 64-bit hosts). The first
-// 32 are the node: what a search reads, in one cache line more often than not.
+// The first bytes of every record that lives in a tree: 48 bytes, of which the first 24 are
+// the node, all a search reads. A million prefixes make a table, so the node is packed: user
+// space addresses take 48 bits on the hosts the daemon runs on, and the upper 16 bits of each
+// link word carry the node's prefix length and flags and the first 32 bits of its prefix. The
+// prefix bytes sit big-endian at offset QOR_RADIX_KEY_OFFSET (bytes 14 to 17, across the
+// second and third words), so that a record with a key of 32 bits or fewer keeps its key
+// there and pays nothing for it. Read and change the words only through the functions below.
+//
+//   rn_w[0]: child 0 | prefix length << 48 | flags << 56
+//   rn_w[1]: child 1 | key bytes 0 and 1 in its upper 16 bits
+//   rn_w[2]: key bytes 2 and 3 in its lower 16 bits | parent << 16
+//   rdl_next: next on the change list | offset of the record's whole key << 48
 struct qor_radix_hdr {
-  qor_radix_node *rn_child[2];  // by the key bit at position rn_bit
-  qor_radix_node *rn_parent;
-  uint32_t rn_key32;            // first 32 bits of the node's prefix, host order, masked
-  uint8_t rn_bit;               // prefix length of the node
-  uint8_t rn_flags;             // QOR_RADIX_LINKED, QOR_RADIX_INTERNAL, QOR_RADIX_MARK
-  qor_radix_keyref rtmh_key;    // the prefix bytes, big-endian; set before qorRadixInsert
-  // Heads only from here: an internal node is just the bytes above.
-  uint64_t rtmh_version;        // version of the last append to the change list
-  qor_radical_link rdl_link;    // place on the change list
+  uint64_t rn_w[3];
+  uint64_t rtmh_version;   // version of the last append to the change list
+  uint64_t rdl_next;       // null link when the head is not on a change list
+  qor_radix_hdr *rdl_prev;
 };
 // Bytes of an internal node: the node part of a header.
-constexpr size_t QOR_RADIX_NODE_SIZE = offsetof(qor_radix_hdr, rtmh_version);
-static_assert(sizeof(void *) != 8 || (sizeof(qor_radix_hdr) == 56 && QOR_RADIX_NODE_SIZE == 32));
+constexpr size_t QOR_RADIX_NODE_SIZE = 3 * sizeof(uint64_t);
+// Where a node keeps the first four bytes of its prefix, big-endian.
+constexpr size_t QOR_RADIX_KEY_OFFSET = 14;
+static_assert(sizeof(void *) == 8 && sizeof(qor_radix_hdr) == 48,
+              "the packed node needs 64-bit words with 48-bit addresses");
+static_assert(std::endian::native == std::endian::little,
+              "the key bytes straddle two words as laid out for a little-endian host");
+
+namespace qor_radix_detail {
+constexpr uint64_t kPtrMask = (uint64_t(1) << 48) - 1;
+inline qor_radix_hdr *ptrOf(uint64_t w) { return reinterpret_cast<qor_radix_hdr *>(w & kPtrMask); }
+inline uint64_t bitsOf(const void *p) { return reinterpret_cast<uint64_t>(p); }
+}  // namespace qor_radix_detail
+
+// ---- Reading and changing a node ----
+
+inline qor_radix_node *qorRadixChild(const qor_radix_node *n, unsigned side) {
+  return qor_radix_detail::ptrOf(n->rn_w[side]);
+}
+inline qor_radix_node *qorRadixParent(const qor_radix_node *n) {
+  return reinterpret_cast<qor_radix_node *>(n->rn_w[2] >> 16);
+}
+// The node's prefix length.
+inline unsigned qorRadixBit(const qor_radix_node *n) { return unsigned(n->rn_w[0] >> 48) & 0xFF; }
+inline uint8_t qorRadixFlags(const qor_radix_node *n) { return uint8_t(n->rn_w[0] >> 56); }
+// The first 32 bits of the node's prefix, in host order, masked to its length.
+inline uint32_t qorRadixKey32(const qor_radix_node *n) {
+  uint32_t v;
+  __builtin_memcpy(&v, reinterpret_cast<const uint8_t *>(n) + QOR_RADIX_KEY_OFFSET, 4);
+  return __builtin_bswap32(v);
+}
+// The four key bytes of the node, in place: the whole key of a record whose key is 32 bits or
+// fewer.
+inline uint8_t *qorRadixKeyBytes(qor_radix_hdr *h) { return reinterpret_cast<uint8_t *>(h) + QOR_RADIX_KEY_OFFSET; }
+inline const uint8_t *qorRadixKeyBytes(const qor_radix_hdr *h) {
+  return reinterpret_cast<const uint8_t *>(h) + QOR_RADIX_KEY_OFFSET;
+}
+
+inline void qorRadixSetChild(qor_radix_node *n, unsigned side, const qor_radix_node *c) {
+  n->rn_w[side] = (n->rn_w[side] & ~qor_radix_detail::kPtrMask) | qor_radix_detail::bitsOf(c);
+}
+inline void qorRadixSetParent(qor_radix_node *n, const qor_radix_node *p) {
+  n->rn_w[2] = (n->rn_w[2] & 0xFFFF) | (qor_radix_detail::bitsOf(p) << 16);
+}
+inline void qorRadixSetFlags(qor_radix_node *n, uint8_t flags) {
+  n->rn_w[0] = (n->rn_w[0] & ~(uint64_t(0xFF) << 56)) | (uint64_t(flags) << 56);
+}
+inline void qorRadixSetKey32(qor_radix_node *n, uint32_t key32) {
+  const uint32_t v = __builtin_bswap32(key32);
+  __builtin_memcpy(reinterpret_cast<uint8_t *>(n) + QOR_RADIX_KEY_OFFSET, &v, 4);
+}
+// Sets the prefix length of a head that is not in a tree (an insert sets it from its
+// argument): a record outside any tree still answers qorRadixBit.
+inline void qorRadixSetBit(qor_radix_node *n, unsigned bit) {
+  n->rn_w[0] = (n->rn_w[0] & ~(uint64_t(0xFF) << 48)) | (uint64_t(bit & 0xFF) << 48);
+}
+
+// The record's own marks among the flags (QOR_RADIX_USER_BITS).
+inline bool qorRadixUserBit(const qor_radix_hdr *h, uint8_t bit) { return qorRadixFlags(h) & bit; }
+inline void qorRadixSetUserBit(qor_radix_hdr *h, uint8_t bit, bool on) {
+  const uint8_t f = qorRadixFlags(h);
+  qorRadixSetFlags(h, on ? uint8_t(f | (bit & QOR_RADIX_USER_BITS)) : uint8_t(f & ~(bit & QOR_RADIX_USER_BITS)));
+}
+
+// Where the record keeps its key: set before qorRadixInsert, to a place in the record's first
+// 64 KiB (the node's own key bytes for keys of 32 bits or fewer, or behind the header). The
+// tree copies the first four bytes into the node when it links the head.
+inline void qorRadixSetKey(qor_radix_hdr *h, const uint8_t *key) {
+  const ptrdiff_t off = key ? key - reinterpret_cast<const uint8_t *>(h) : 0;
+  const uint64_t k = off >= ptrdiff_t(QOR_RADIX_KEY_OFFSET) && off < 65536 ? uint64_t(off) : 0;
+  h->rdl_next = (h->rdl_next & qor_radix_detail::kPtrMask) | (k << 48);
+}
+// The key the record set, or null.
+inline const uint8_t *qorRadixKey(const qor_radix_hdr *h) {
+  const uint64_t off = h->rdl_next >> 48;
+  return off ? reinterpret_cast<const uint8_t *>(h) + off : nullptr;
+}
+inline uint8_t *qorRadixKey(qor_radix_hdr *h) {
+  const uint64_t off = h->rdl_next >> 48;
+  return off ? reinterpret_cast<uint8_t *>(h) + off : nullptr;
+}
+// The change list's links.
+inline qor_radix_hdr *qorRadixListNext(const qor_radix_hdr *h) { return qor_radix_detail::ptrOf(h->rdl_next); }
+inline void qorRadixSetListNext(qor_radix_hdr *h, const qor_radix_hdr *next) {
+  h->rdl_next = (h->rdl_next & ~qor_radix_detail::kPtrMask) | qor_radix_detail::bitsOf(next);
+}
 
 // The head a node holds (the node itself), or null for an internal node.
 inline qor_radix_hdr *qorRadixNodeHead(qor_radix_node *n) {
-  return n && !(n->rn_flags & QOR_RADIX_INTERNAL) ? n : nullptr;
+  return n && !(qorRadixFlags(n) & QOR_RADIX_INTERNAL) ? n : nullptr;
 }
 // True while the head is linked in a tree.
-inline bool qorRadixIsLinked(const qor_radix_hdr *h) { return h->rn_flags & QOR_RADIX_LINKED; }
-
-inline qor_radix_keyref &qor_radix_keyref::operator=(const uint8_t *key) {
-  const auto *base = reinterpret_cast<const uint8_t *>(this) - offsetof(qor_radix_hdr, rtmh_key);
-  const ptrdiff_t off = key ? key - base : 0;
-  // A key outside the record's first 64 KiB, or inside its header, cannot be held: no key.
-  rk_off = off >= ptrdiff_t(sizeof(qor_radix_hdr)) && off < 65536 ? uint16_t(off) : 0;
-  return *this;
-}
-inline qor_radix_keyref::operator const uint8_t *() const {
-  const auto *base = reinterpret_cast<const uint8_t *>(this) - offsetof(qor_radix_hdr, rtmh_key);
-  return rk_off ? base + rk_off : nullptr;
-}
+inline bool qorRadixIsLinked(const qor_radix_hdr *h) { return qorRadixFlags(h) & QOR_RADIX_LINKED; }
 
 using QorRadixAllocFn = void *(*)(size_t);
 using QorRadixFreeFn = void (*)(void *);

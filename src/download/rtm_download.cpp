@@ -101,8 +101,9 @@ uint32_t walkBudget() { return g_rtmVrfCount == 0 ? kWalkBudget : kWalkBudget / 
 void flushOpen(uint8_t afIndex, rt_client *client, uint32_t vrfId) {
   uint8_t *&buf = g_pass.pLocalBuf[afIndex];
   if (!buf) return;
-  memset(g_flushHead[afIndex], 0, sizeof g_flushHead[afIndex]);
-  bundle(afIndex, client, RT_FLUSH, &buf, reinterpret_cast<rt_head *>(g_flushHead[afIndex]), RTM_BUNDLE_SEND, vrfId);
+  auto *head = reinterpret_cast<rt_head *>(g_flushHead[afIndex]);
+  rtmHeadInit(head, afIndex, nullptr, 0);
+  bundle(afIndex, client, RT_FLUSH, &buf, head, RTM_BUNDLE_SEND, vrfId);
   buf = nullptr;
 }
 

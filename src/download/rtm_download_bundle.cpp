@@ -53,7 +53,7 @@ bool dnldOn(const rt_client *rtc, uint32_t vrfId) {
 bool seesVrf(const rt_client *rtc, uint32_t vrfId) { return vrfId != MAX_VRF - 1 || rtc->rtc_proto == RTM_PROTO_FIB; }
 
 bool isLinkLocalBlock(const rt_head *head) {
-  return head->rtmh_prefixlen == 10 && head->rtmh_prefix[0] == 0xFE && head->rtmh_prefix[1] == 0x80;
+  return rtmh_prefixlen(head) == 10 && rtmh_prefix(head)[0] == 0xFE && rtmh_prefix(head)[1] == 0x80;
 }
 
 // What a command shows as the route's protocol.
@@ -140,15 +140,15 @@ bool writeNextHops(uint8_t afIndex, const rtm_fibcmd_layout &l, const rt_client 
     uint8_t *addr = at + l.nhAddr;
     if (rtmAF_IsAddrNonZero(afIndex, nh->rtn_addr)) {
       memcpy(addr, nh->rtn_addr, l.addrLen);
-    } else if (!v6 && ifmIfIndexToIfType(ifindex) == RTM_IFTYPE_LOOPBACK && head->rtmh_prefixlen == hostLen) {
+    } else if (!v6 && ifmIfIndexToIfType(ifindex) == RTM_IFTYPE_LOOPBACK && rtmh_prefixlen(head) == hostLen) {
       rtmAF_SetLoopback(afIndex, addr);
       if (rtmdebug & kDebugDownload) qorDebugPrintf("%s:%d Setting loopback when sending", __FILE__, __LINE__);
     } else if (rte->rte_subtype == RT_UNNUMBERED && client->rtc_proto == RTM_PROTO_FIB) {
-      memcpy(addr, head->rtmh_prefix, l.addrLen);
+      memcpy(addr, rtmh_prefix(head), l.addrLen);
     }
     st32(at, l.nhVrfId, nh->rtn_vrfId);
     // IPv6 host routes on a loopback go out on no interface, whatever address they had.
-    if (v6 && ifmIfIndexToIfType(ifindex) == RTM_IFTYPE_LOOPBACK && head->rtmh_prefixlen == hostLen) {
+    if (v6 && ifmIfIndexToIfType(ifindex) == RTM_IFTYPE_LOOPBACK && rtmh_prefixlen(head) == hostLen) {
       st32(at, l.nhIfindex, 0);
       rtmAF_SetLoopback(afIndex, addr);
     }
@@ -195,7 +195,7 @@ int bundleRoute(uint8_t afIndex, rt_client *client, uint32_t op, uint8_t **local
   uint32_t len = ld32(buf, IPC_OFF_MLEN);
   if (op != RT_FLUSH) {
     if (op == RT_ADD && (!rte || rte->rte_nnh == 0)) {
-      qorSysErr(rtmevkey, 0, 0x14800d, 0, kText[form].fn, vrfId, head->rtmh_prefixlen);
+      qorSysErr(rtmevkey, 0, 0x14800d, 0, kText[form].fn, vrfId, rtmh_prefixlen(head));
       return RTM_FAILURE;
     }
     const size_t need = commandBytes(l, op, rte);
@@ -207,8 +207,8 @@ int bundleRoute(uint8_t afIndex, rt_client *client, uint32_t op, uint8_t **local
     st32(cmd, l.op, op);
     if (rtmh_vrrp(head) == RTM_PROTO_VRRP) st32(cmd, l.marker, RTM_FIBCMD_MARKER_VRRP);
     st32(cmd, l.vrfId, vrfId);
-    memcpy(cmd + l.prefix, head->rtmh_prefix, l.addrLen);
-    st8(cmd, l.plen, head->rtmh_prefixlen);
+    memcpy(cmd + l.prefix, rtmh_prefix(head), l.addrLen);
+    st8(cmd, l.plen, rtmh_prefixlen(head));
     if (rte) {
       st32(cmd, l.proto, wireProto(rte));
       st32(cmd, l.metric, static_cast<uint32_t>(rte->rte_metric));

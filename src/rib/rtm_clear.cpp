@@ -49,8 +49,8 @@ bool clearsUnicast(uint32_t proto) {
 
 // Key and length of a head of each record kind; the radix header is the tree's business.
 struct RibKey {
-  static const uint8_t *key(const rt_head *h) { return h->rtmh_prefix; }
-  static unsigned len(const rt_head *h) { return h->rtmh_prefixlen; }
+  static const uint8_t *key(const rt_head *h) { return rtmh_prefix(h); }
+  static unsigned len(const rt_head *h) { return rtmh_prefixlen(h); }
 };
 struct GbcKey {
   static const uint8_t *key(const rt_gbc_head *h) { return h->gbc_prefix; }
@@ -78,7 +78,7 @@ void forEachHead(qor_radix_tree *tree, uint8_t af, bool skipDefault, Fn fn) {
 // next hop, taken when the entry was first made: it goes with the entry.
 void releaseUnnumberedSelf(uint8_t af, const rt_head *rth, const rt_entry *rte) {
   if (!rte->rte_wide || rte->rte_subtype != RT_UNNUMBERED) return;
-  if (rt_nh *self = rtmNhFind(rte->rte_srcVrf, af, 0, rth->rtmh_prefix)) rtmNhDelete(af, self, 0);
+  if (rt_nh *self = rtmNhFind(rte->rte_srcVrf, af, 0, rtmh_prefix(rth))) rtmNhDelete(af, self, 0);
 }
 
 void releaseSlots(uint8_t af, rt_entry *rte) {

@@ -192,7 +192,7 @@ int rtmGbcAddRouteIPv4(uint8_t afIndex, uint32_t cid, uint8_t *rtp) {
     if (!gh) return RTM_NO_MEMORY;
     rtmAF_ApplyPlen(afIndex, rtpPrefix(rtp, afIndex), plen, gh->gbc_prefix);
     gh->gbc_prefixlen = plen;
-    gh->gbc_rdx.rtmh_key = gh->gbc_prefix;
+    qorRadixSetKey(&gh->gbc_rdx, gh->gbc_prefix);
     if (!qorRadixInsert(tree, &gh->gbc_rdx, plen)) {
       RTM_POOL_FREE(gh);
       return RTM_NO_MEMORY;

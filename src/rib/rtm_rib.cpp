@@ -225,11 +225,11 @@ int updateRibVer(uint32_t vrfId, uint8_t afIndex, qor_radix_tree *tree, rt_head 
     renumberTree(tree);
   }
   rt_entry *active = rth->rtmh_rte;
-  if (rth->rtmh_delExported == 1 || (active && !(active->rte_leak & RTE_LEAK_IMPORTED))) {
+  if (rtmhHas(rth, RTMH_DEL_EXPORTED) || (active && !(active->rte_leak & RTE_LEAK_IMPORTED))) {
     if (rtmdebug & 0x1)
       qorDebugPrintf("\r\nupdateRibVer..Resume RtLeak thread for vrfId is:%ld and ipaddr is:%u.%u.%u.%u",
-                     static_cast<long>(vrfId), rth->rtmh_prefix[0], rth->rtmh_prefix[1],
-                     rth->rtmh_prefix[2], rth->rtmh_prefix[3]);
+                     static_cast<long>(vrfId), rtmh_prefix(rth)[0], rtmh_prefix(rth)[1],
+                     rtmh_prefix(rth)[2], rtmh_prefix(rth)[3]);
     wake(WAKE_RTLEAK);
   }
   wake(WAKE_REDIS | WAKE_RTEDN);

@@ -82,26 +82,32 @@ inline const uint8_t *rtmRteTlv(const rt_entry *rte) {
   return reinterpret_cast<const uint8_t *>(rtmRteNh(rte) + rtmRteNhRoom(rte));
 }
 
-// One prefix of a tree. The radix header comes first (it is the head's node in the tree, so a
-// prefix costs the tree nothing more but the internal nodes where prefixes part), the prefix
-// bytes (4 or 16) last: an IPv4 head is 88 bytes. What only route leaking needs (the leak maps
-// and the record of a withdrawn export) lives in a side record made on first need: see
-// rtmHeadExtGet.
+// One prefix of a tree. The radix header comes first: it is the head's node in the tree, so a
+// prefix costs the tree nothing more but the internal nodes where prefixes part, and it keeps
+// the prefix length, the head's one-bit marks and, for IPv4, the prefix itself (the node's key
+// bytes). An IPv4 head is 72 bytes; an IPv6 head adds its 16-byte prefix behind. Reach the
+// prefix, its length and the marks through the functions below. What only route leaking needs
+// (the leak maps and the record of a withdrawn export) lives in a side record made on first
+// need: see rtmHeadExtGet.
 struct rt_head {
-  qor_radix_hdr rtmh_rdx;   // the node, rtmh_key, rtmh_version, change-list links
+  qor_radix_hdr rtmh_rdx;     // the node, the key, rtmh_version, change-list links
   struct rt_entry *rtmh_rte;  // the active route first; null on a naked head
-  uint64_t rtmh_time;       // tick of the last change of the active route
-  uint8_t rtmh_redlist[8];  // by cid: bit (cid & 7) of byte (cid >> 3)
-  uint8_t rtmh_prefixlen;
-  uint8_t rtmh_exported;    // 1 if the active route is exported to other VRFs
-  uint8_t rtmh_delExported; // 1 if an exported route went away and importers must withdraw it
-  uint8_t rtmh_bits;        // RTMH_VRRP, RTMH_EXT
-  uint8_t rtmh_prefix[];    // masked prefix, 4 or 16 bytes
+  uint64_t rtmh_time;         // tick of the last change of the active route
+  uint8_t rtmh_redlist[8];    // by cid: bit (cid & 7) of byte (cid >> 3)
+  uint8_t rtmh_prefix6[];     // the masked prefix of an IPv6 head
 };
-static_assert(sizeof(void *) != 8 || (offsetof(rt_head, rtmh_prefix) == 84 && sizeof(rt_head) == 88));
+static_assert(sizeof(rt_head) == 72);
 
-constexpr uint8_t RTMH_VRRP = 0x1;  // a VRRP client has added a route here
-constexpr uint8_t RTMH_EXT = 0x2;   // the head has a side record
+// The head's one-bit marks, kept among the node's flags.
+constexpr uint8_t RTMH_EXPORTED = 0x08;      // the active route is exported to other VRFs
+constexpr uint8_t RTMH_DEL_EXPORTED = 0x10;  // an exported route went away: importers must withdraw it
+constexpr uint8_t RTMH_VRRP = 0x20;          // a VRRP client has added a route here
+constexpr uint8_t RTMH_EXT = 0x40;           // the head has a side record
+static_assert((RTMH_EXPORTED | RTMH_DEL_EXPORTED | RTMH_VRRP | RTMH_EXT) ==
+              ((RTMH_EXPORTED | RTMH_DEL_EXPORTED | RTMH_VRRP | RTMH_EXT) & QOR_RADIX_USER_BITS));
+
+inline bool rtmhHas(const rt_head *rth, uint8_t mark) { return qorRadixUserBit(&rth->rtmh_rdx, mark); }
+inline void rtmhSet(rt_head *rth, uint8_t mark, bool on = true) { qorRadixSetUserBit(&rth->rtmh_rdx, mark, on); }
 
 // What a head carries for route leaking only.
 struct rt_head_ext {
@@ -114,14 +120,22 @@ struct rt_head_ext {
 
 // Bytes of a head of the family.
 constexpr size_t rtmHeadSize(unsigned afIndex) {
-  return (offsetof(rt_head, rtmh_prefix) + rtmAfAddrLen(afIndex) + 7) & ~size_t(7);
+  return sizeof(rt_head) + (rtmAfAddrLen(afIndex) > 4 ? rtmAfAddrLen(afIndex) : 0);
 }
-static_assert(sizeof(void *) != 8 || (rtmHeadSize(0) == 88 && rtmHeadSize(2) == 104));
+static_assert(rtmHeadSize(0) == 72 && rtmHeadSize(2) == 88);
 
 inline rt_head *rtmHeadOf(qor_radix_hdr *h) { return reinterpret_cast<rt_head *>(h); }
 inline uint64_t &rtmh_version(rt_head *rth) { return rth->rtmh_rdx.rtmh_version; }
+// The masked prefix (4 or 16 bytes) and its length.
+inline uint8_t *rtmh_prefix(rt_head *rth) { return qorRadixKey(&rth->rtmh_rdx); }
+inline const uint8_t *rtmh_prefix(const rt_head *rth) { return qorRadixKey(&rth->rtmh_rdx); }
+inline uint8_t rtmh_prefixlen(const rt_head *rth) { return uint8_t(qorRadixBit(&rth->rtmh_rdx)); }
 // 11 if a VRRP client has added a route here, else 0.
-inline uint32_t rtmh_vrrp(const rt_head *rth) { return (rth->rtmh_bits & RTMH_VRRP) ? RTM_PROTO_VRRP : 0; }
+inline uint32_t rtmh_vrrp(const rt_head *rth) { return rtmhHas(rth, RTMH_VRRP) ? RTM_PROTO_VRRP : 0; }
+
+// Clears a head of the family and sets its prefix (masked to prefixlen) and length; the head
+// is then ready for qorRadixInsert or for a message that names a prefix.
+void rtmHeadInit(rt_head *rth, unsigned afIndex, const uint8_t *prefix, uint8_t prefixlen);
 
 // The side record of a head, or null if it has none.
 rt_head_ext *rtmHeadExt(const rt_head *rth);

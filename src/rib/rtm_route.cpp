@@ -127,7 +127,7 @@ void counters(uint8_t af, uint32_t vrfId, const rt_entry *rte, int op, int activ
 
 // A head whose exported active route went away: importers must withdraw it.
 void markDelExported(rt_head *rth, const rt_entry *gone) {
-  rth->rtmh_delExported = 1;
+  rtmhSet(rth, RTMH_DEL_EXPORTED);
   if (rt_head_ext *ext = rtmHeadExtGet(rth)) {
     ext->rtmh_delProto = gone->rte_proto;
     ext->rtmh_delSubtype = gone->rte_subtype;
@@ -162,8 +162,7 @@ void spareBack(uint8_t af, rt_head *rth) {
     rtmHeadFree(rth);
     return;
   }
-  memset(static_cast<void *>(rth), 0, rtmHeadSize(af));
-  s.rth = rth;
+  s.rth = rth;  // rtmHeadInit clears it when it is next used
   s.generation = qorMemGeneration();
 }
 
@@ -172,7 +171,7 @@ void spareBack(uint8_t af, rt_head *rth) {
 // ---- Heads ----------------------------------------------------------------------------------
 
 rt_head_ext *rtmHeadExt(const rt_head *rth) {
-  if (!(rth->rtmh_bits & RTMH_EXT)) return nullptr;
+  if (!rtmhHas(rth, RTMH_EXT)) return nullptr;
   auto it = extTable().find(rth);
   return it == extTable().end() ? nullptr : &it->second;
 }
@@ -182,7 +181,7 @@ rt_head_ext *rtmHeadExtGet(rt_head *rth) {
   try {
     rt_head_ext *ext = &extTable()[rth];
     *ext = {};
-    rth->rtmh_bits |= RTMH_EXT;
+    rtmhSet(rth, RTMH_EXT);
     return ext;
   } catch (...) {
     return nullptr;
@@ -193,15 +192,21 @@ rt_head *rtmHeadAlloc(uint8_t afIndex, const uint8_t *prefix, uint8_t prefixlen)
   auto *rth = static_cast<rt_head *>(
       RTM_POOL_ALLOC_AF(RTM_MEM_TAG_RIB, uint32_t(rtmHeadSize(afIndex)), RTM_MAIN_RIB_HEAD_POOL, afIndex));
   if (!rth) return nullptr;
-  rtmAF_ApplyPlen(afIndex, prefix, prefixlen, rth->rtmh_prefix);
-  rth->rtmh_prefixlen = prefixlen;
-  rth->rtmh_rdx.rtmh_key = rth->rtmh_prefix;
+  rtmHeadInit(rth, afIndex, prefix, prefixlen);
   return rth;
+}
+
+void rtmHeadInit(rt_head *rth, unsigned afIndex, const uint8_t *prefix, uint8_t prefixlen) {
+  memset(static_cast<void *>(rth), 0, rtmHeadSize(afIndex));
+  uint8_t *key = rtmAfAddrLen(afIndex) > 4 ? rth->rtmh_prefix6 : qorRadixKeyBytes(&rth->rtmh_rdx);
+  qorRadixSetKey(&rth->rtmh_rdx, key);
+  qorRadixSetBit(&rth->rtmh_rdx, prefixlen);
+  if (prefix) rtmAF_ApplyPlen(afIndex, prefix, prefixlen, key);
 }
 
 void rtmHeadFree(rt_head *rth) {
   if (!rth) return;
-  if (rth->rtmh_bits & RTMH_EXT) extTable().erase(rth);
+  if (rtmhHas(rth, RTMH_EXT)) extTable().erase(rth);
   RTM_POOL_FREE(rth);
 }
 
@@ -303,9 +308,7 @@ int rtmAddRouteIPv4(uint8_t afIndex, uint32_t cid, uint8_t *rtp) {
   bool noHeadMemory = false;  // the head could not be had: the add fails once its checks pass
   if (!(flags & RTP_FLAG_CONNECTED)) {
     if (rt_head *spare = spareHead(afIndex)) {
-      rtmAF_ApplyPlen(afIndex, prefix, plen, spare->rtmh_prefix);
-      spare->rtmh_prefixlen = plen;
-      spare->rtmh_rdx.rtmh_key = spare->rtmh_prefix;
+      rtmHeadInit(spare, afIndex, prefix, plen);
       qor_radix_hdr *got = qorRadixAttach(tree, &spare->rtmh_rdx, plen);
       if (got == &spare->rtmh_rdx) {
         spareTaken(afIndex);
@@ -482,7 +485,7 @@ int rtmAddRouteIPv4(uint8_t afIndex, uint32_t cid, uint8_t *rtp) {
     return RTM_SUCCESS;
   }
 
-  if (proto == RTM_PROTO_VRRP) rth->rtmh_bits |= RTMH_VRRP;
+  if (proto == RTM_PROTO_VRRP) rtmhSet(rth, RTMH_VRRP);
   rt_entry *prevFirst = rth->rtmh_rte;
   rte_insert(afIndex, rth, rte);
 
@@ -508,7 +511,7 @@ int rtmAddRouteIPv4(uint8_t afIndex, uint32_t cid, uint8_t *rtp) {
     counters(afIndex, vrfId, rte, 1, 0);
   }
 
-  if (activeChanged && rth->rtmh_exported == 1 && rte->rte_next) {
+  if (activeChanged && rtmhHas(rth, RTMH_EXPORTED) && rte->rte_next) {
     markDelExported(rth, rte->rte_next);
     updateRibVer(vrfId, afIndex, tree, rth);
   }
@@ -547,7 +550,7 @@ int rtmDeleteRte(uint32_t vrfId, uint8_t afIndex, qor_radix_tree *tree, rt_head 
     }
     if (rte->rte_leak == RTE_LEAK_IMPORTED)
       importedWent = true;
-    else if (rth->rtmh_exported == 1)
+    else if (rtmhHas(rth, RTMH_EXPORTED))
       markDelExported(rth, rte);
     rte_remove(rth, rte);
     freeEntry(rte);
@@ -556,7 +559,7 @@ int rtmDeleteRte(uint32_t vrfId, uint8_t afIndex, qor_radix_tree *tree, rt_head 
   rt_entry *now = rth->rtmh_rte;
   if (now == first) {
     if (result == RTM_SUCCESS &&
-        ((now && (now->rte_flags & RTP_FLAG_CONNECTED)) || (rth->rtmh_delExported == 1 && !importedWent)))
+        ((now && (now->rte_flags & RTP_FLAG_CONNECTED)) || (rtmhHas(rth, RTMH_DEL_EXPORTED) && !importedWent)))
       updateRibVer(vrfId, afIndex, tree, rth);
   } else {
     if (now) {
@@ -657,7 +660,7 @@ int rtmDelRouteIPv4(uint8_t afIndex, uint32_t cid, uint8_t *rtp) {
         return RTM_SUCCESS;
       case RTM_SUCCESS:
         // The entry goes as a whole, and with it the host's own next hop.
-        if (rt_nh *self = rtmNhFind(vrfId, afIndex, 0, rth->rtmh_prefix)) rtmNhDelete(afIndex, self, proto);
+        if (rt_nh *self = rtmNhFind(vrfId, afIndex, 0, rtmh_prefix(rth))) rtmNhDelete(afIndex, self, proto);
         break;
       default:
         qorSysErr(rtmevkey, 0, 0x14803B, 0, "RTM: rtmDelRouteIPv4:3", cid, prefixText(afIndex, rtp, nm.prefix), plen,

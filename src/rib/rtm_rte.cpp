@@ -31,8 +31,8 @@ int bgpPlace(uint32_t bgpSubtype, uint32_t otherProto, bool *known) {
 
 void logBadBgpSubtype(uint8_t afIndex, const rt_entry *rte1, const rt_entry *rte2) {
   char a1[RTM_INET6_ADDRSTRLEN] = "?", a2[RTM_INET6_ADDRSTRLEN] = "?";
-  if (rte1->rte_head) rtmAF_AddrToStr(afIndex, rte1->rte_head->rtmh_prefix, a1, sizeof a1);
-  if (rte2->rte_head) rtmAF_AddrToStr(afIndex, rte2->rte_head->rtmh_prefix, a2, sizeof a2);
+  if (rte1->rte_head) rtmAF_AddrToStr(afIndex, rtmh_prefix(rte1->rte_head), a1, sizeof a1);
+  if (rte2->rte_head) rtmAF_AddrToStr(afIndex, rtmh_prefix(rte2->rte_head), a2, sizeof a2);
   char text[380];
   snprintf(text, sizeof text,
            "RTM: rtmCompareRoutes: %s rte1:%s proto 0x%x pref 0x%x subpref 0x%x subtyp 0x%x. %s rte2:%s proto "

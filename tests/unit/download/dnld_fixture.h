@@ -220,14 +220,14 @@ class DownloadTest : public rtmtest::RtmdTest {
       Held held;
       held.proto = e->rte_proto == RTM_PROTO_VRRP ? RTM_PROTO_CONNECTED : e->rte_proto;
       held.metric = static_cast<uint32_t>(e->rte_metric);
-      held.marker = (rth->rtmh_bits & RTMH_VRRP) ? 0xFFFFFFFFu : 0;
+      held.marker = rtmhHas(rth, RTMH_VRRP) ? 0xFFFFFFFFu : 0;
       held.weighted = e->rte_wecmp;
       for (unsigned i = 0; i < e->rte_nnh; ++i) {
         const rt_nh *n = rtmRteNh(e)[i];
         held.nhs.emplace_back(text(af, n->rtn_addr), n->rtn_ifindex, n->rtn_vrfId, e->rte_wecmp ? n->rtn_weight : 0);
       }
       if (af == 0) held.tlv.assign(reinterpret_cast<const char *>(rtmRteTlv(e)), e->rte_tlvlen);
-      t["0 " + text(af, rth->rtmh_prefix) + "/" + std::to_string(rth->rtmh_prefixlen)] = held;
+      t["0 " + text(af, rtmh_prefix(rth)) + "/" + std::to_string(rtmh_prefixlen(rth))] = held;
     }
     return t;
   }

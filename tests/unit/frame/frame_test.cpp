@@ -204,9 +204,8 @@ TEST_F(Frame, UnansweredRegistrationsAreRetriedOnceASecondAndBrmAlways) {
 
 rt_head *newHead(uint8_t af, uint8_t first, uint8_t plen) {
   auto *h = static_cast<rt_head *>(calloc(1, rtmHeadSize(af)));
-  h->rtmh_prefix[0] = first;
-  h->rtmh_prefixlen = plen;
-  h->rtmh_rdx.rtmh_key = h->rtmh_prefix;
+  const uint8_t prefix[16] = {first};
+  rtmHeadInit(h, af, prefix, plen);
   return h;
 }
 

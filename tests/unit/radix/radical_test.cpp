@@ -114,7 +114,7 @@ TEST_F(ChangeList, VersionSpaceWrapRestartsTheList) {
   EXPECT_EQ(h('D')->rtmh_version, 1u);
   for (char c : std::string("ABC")) {
     EXPECT_EQ(h(c)->rtmh_version, 0u);
-    EXPECT_EQ(h(c)->rdl_link.rdl_next, nullptr);
+    EXPECT_EQ(qorRadixListNext(h(c)), nullptr);
   }
   EXPECT_EQ(w.walker_version, 0u);
   EXPECT_EQ(qorRadicalNextVersion(t, &w), 1u);

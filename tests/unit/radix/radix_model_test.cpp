@@ -39,7 +39,7 @@ class ModelRun {
     tree_ = qorRadixCreate(c.name, c.bits, FailingAlloc::alloc, FailingAlloc::release, 0);
     tree_->rdx_accelMin = c.accelMin;
     for (auto &b : bases_) b = randomBytes();
-    if (c.bits == 128)  // half the bases share their first 32 bits: compares go past rn_key32
+    if (c.bits == 128)  // half the bases share their first 32 bits: compares go past the node key bytes
       for (size_t i = 0; i < bases_.size(); i += 2) std::copy_n(bases_[0].begin(), 4, bases_[i].begin());
   }
   ~ModelRun() {
@@ -139,8 +139,8 @@ class ModelRun {
   void checkShape() {
     auto prefixOf = [&](const qor_radix_node *n) {
       qor_radix_node *h = const_cast<qor_radix_node *>(n);
-      while (!qorRadixNodeHead(h)) h = h->rn_child[0];
-      return maskBytes(recOf(h)->key, n->rn_bit);
+      while (!qorRadixNodeHead(h)) h = qorRadixChild(h, 0);
+      return maskBytes(recOf(h)->key, qorRadixBit(n));
     };
     uint64_t nodes = 0, heads = 0, fullHeads = 0;
     nodeWalkHeads_.clear();
@@ -148,28 +148,28 @@ class ModelRun {
       ++nodes;
       if (qor_radix_hdr *h = qorRadixNodeHead(n)) nodeWalkHeads_.push_back(h);
       if (n == tree_->rdx_root) {
-        ASSERT_EQ(n->rn_parent, nullptr);
+        ASSERT_EQ(qorRadixParent(n), nullptr);
       }
       if (qorRadixNodeHead(n)) {
         ++heads;
-        fullHeads += n->rn_child[0] && n->rn_child[1];
+        fullHeads += qorRadixChild(n, 0) && qorRadixChild(n, 1);
         ASSERT_TRUE(qorRadixIsLinked(n));
-        ASSERT_EQ(recOf(n)->plen, n->rn_bit);
+        ASSERT_EQ(recOf(n)->plen, qorRadixBit(n));
       } else {
-        ASSERT_NE(n->rn_flags & QOR_RADIX_INTERNAL, 0);
-        ASSERT_TRUE(n->rn_child[0] && n->rn_child[1]) << "internal node with one child";
+        ASSERT_NE(qorRadixFlags(n) & QOR_RADIX_INTERNAL, 0);
+        ASSERT_TRUE(qorRadixChild(n, 0) && qorRadixChild(n, 1)) << "internal node with one child";
       }
       KeyBytes p = prefixOf(n);
       uint32_t k32 = uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3];
-      ASSERT_EQ(n->rn_key32, k32);
+      ASSERT_EQ(qorRadixKey32(n), k32);
       for (unsigned side = 0; side < 2; ++side) {
-        const qor_radix_node *c = n->rn_child[side];
+        const qor_radix_node *c = qorRadixChild(n, side);
         if (!c) continue;
-        ASSERT_EQ(c->rn_parent, n);
-        ASSERT_GT(c->rn_bit, n->rn_bit);
+        ASSERT_EQ(qorRadixParent(c), n);
+        ASSERT_GT(qorRadixBit(c), qorRadixBit(n));
         KeyBytes cp = prefixOf(c);
-        ASSERT_EQ(maskBytes(cp, n->rn_bit), p) << "child does not extend its parent";
-        ASSERT_EQ(bitOf(cp, n->rn_bit), side);
+        ASSERT_EQ(maskBytes(cp, qorRadixBit(n)), p) << "child does not extend its parent";
+        ASSERT_EQ(bitOf(cp, qorRadixBit(n)), side);
       }
     }
     ASSERT_EQ(heads, tree_->rdx_heads);

@@ -21,7 +21,7 @@ struct Rec {
   KeyBytes key{};  // may carry junk after `plen` bits: the tree must ignore it
   unsigned plen = 0;
 
-  Rec() { hdr.rtmh_key = key.data(); }
+  Rec() { qorRadixSetKey(&hdr, key.data()); }
   Rec(const Rec &) = delete;
 };
 

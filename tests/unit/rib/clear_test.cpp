@@ -164,7 +164,7 @@ TEST_F(Clearing, ClearRibEmptiesTheTreesAndGivesEverythingBack) {
     ASSERT_EQ(add(kRip, gone), RTM_SUCCESS);
     ASSERT_EQ(del(kRip, gone), RTM_SUCCESS);  // a tombstone
     // One head of the main tree, with its entries and their references.
-    rtmClearRibRouteSpecific(f.af, 0, head(f.p[0], f.plen, f.af)->rtmh_prefix, uint8_t(f.plen));
+    rtmClearRibRouteSpecific(f.af, 0, rtmh_prefix(head(f.p[0], f.plen, f.af)), uint8_t(f.plen));
     EXPECT_EQ(head(f.p[0], f.plen, f.af), nullptr);
     EXPECT_EQ(refs(f.nh1, 5, 0, f.af), 3);
     const uint64_t mainVersion = main->rdx_version, conVersion = con->rdx_version;

@@ -24,8 +24,8 @@ class Election : public ::testing::Test {
     qorLogReset();
     qorLogSetEcho(false);
     head = static_cast<rt_head *>(calloc(1, rtmHeadSize(0)));
-    head->rtmh_prefix[0] = 10;
-    head->rtmh_prefixlen = 8;
+    const uint8_t prefix[4] = {10};
+    rtmHeadInit(head, 0, prefix, 8);
   }
   void TearDown() override {
     for (rt_entry *e : made) free(e);

@@ -323,11 +323,11 @@ TEST_F(Routes, WeightsAndExportedRoutes) {
   EXPECT_EQ(rtmRteNh(e)[1]->rtn_weight, 3u);
   // An exported active route that is displaced must be withdrawn from the importers.
   rt_head *h = head("10.12.0.0", 16);
-  h->rtmh_exported = 1;
+  rtmhSet(h, RTMH_EXPORTED);
   Route s;
   s.prefix("10.12.0.0", 16).proto(RTM_PROTO_STATIC).pref(1).nh("192.168.3.1", 4);
   ASSERT_EQ(add(kStatic, s), RTM_SUCCESS);
-  EXPECT_EQ(h->rtmh_delExported, 1u);
+  EXPECT_TRUE(rtmhHas(h, RTMH_DEL_EXPORTED));
   rt_head_ext *ext = rtmHeadExt(h);
   ASSERT_NE(ext, nullptr);
   EXPECT_EQ(ext->rtmh_delProto, RTM_PROTO_OSPF);
