@@ -209,14 +209,14 @@ void setMemoryCounters(benchmark::State &st, const Memory &m) {
 // ahead. Returns the routes that did not give RTM_SUCCESS.
 template <class Op>
 size_t applyAll(RouteSet &s, Op op) {
-  constexpr size_t kAhead[] = {12, 8, 4};  // by stage, as the handler does
   const size_t n = s.rtps.size();
   size_t bad = 0;
   qor_radix_tree *tree = rtmRouteBatchTree(RTM_IPV4UNI_AFINDEX, kCid);
   rtmRibDeferWakeups(true);
   for (size_t i = 0; i < n; ++i) {
-    for (int stage = 0; stage < 3; ++stage)
-      if (i + kAhead[stage] < n) rtmRoutePrefetchIn(tree, RTM_IPV4UNI_AFINDEX, s.rtps[i + kAhead[stage]], stage);
+    for (unsigned stage = 0; stage < RTM_PREFETCH_STAGES; ++stage)
+      if (i + rtmPrefetchAhead[stage] < n)
+        rtmRoutePrefetchIn(tree, RTM_IPV4UNI_AFINDEX, s.rtps[i + rtmPrefetchAhead[stage]], int(stage));
     bad += op(RTM_IPV4UNI_AFINDEX, kCid, s.rtps[i]) != RTM_SUCCESS;
   }
   rtmRibDeferWakeups(false);

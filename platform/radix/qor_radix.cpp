@@ -113,6 +113,13 @@ inline unsigned blen(const qor_radix_node *n) { return qorRadixBit(n); }
 inline uint32_t key32(const qor_radix_node *n) { return qorRadixKey32(n); }
 inline uint8_t flags(const qor_radix_node *n) { return qorRadixFlags(n); }
 
+// A node with no links: its three words written whole, not field by field.
+inline void initNode(qor_radix_node *n, unsigned bit, uint8_t fl, uint32_t k32) {
+  n->rn_w[0] = uint64_t(bit & 0xFF) << 48 | uint64_t(fl) << 56;
+  n->rn_w[1] = uint64_t(k32 >> 24) << 48 | uint64_t((k32 >> 16) & 0xFF) << 56;
+  n->rn_w[2] = uint64_t((k32 >> 8) & 0xFF) | uint64_t(k32 & 0xFF) << 8;
+}
+
 inline bool isHead(const qor_radix_node *n) { return !(flags(n) & QOR_RADIX_INTERNAL); }
 
 // The key of some head under n: all of them share n's prefix.
@@ -191,10 +198,7 @@ class NodeReserve {
   }
 
   static void initInternal(qor_radix_node *n, unsigned bit, uint32_t key32) {
-    std::memset(static_cast<void *>(n), 0, QOR_RADIX_NODE_SIZE);
-    qorRadixSetBit(n, bit);
-    qorRadixSetKey32(n, mask32(key32, bit));
-    qorRadixSetFlags(n, QOR_RADIX_INTERNAL);
+    initNode(n, bit, QOR_RADIX_INTERNAL, mask32(key32, bit));
   }
 
  private:
@@ -481,12 +485,7 @@ qor_radix_hdr *insertHead(qor_radix_tree *t, qor_radix_hdr *head, unsigned len, 
   NodeReserve nodes(t);
   // The head becomes the node of its own prefix.
   auto link = [&] {
-    qorRadixSetChild(head, 0, nullptr);
-    qorRadixSetChild(head, 1, nullptr);
-    qorRadixSetParent(head, nullptr);
-    qorRadixSetKey32(head, k32);
-    qorRadixSetBit(head, len);
-    qorRadixSetFlags(head, uint8_t((qorRadixFlags(head) & QOR_RADIX_USER_BITS) | QOR_RADIX_LINKED));
+    initNode(head, len, uint8_t((flags(head) & QOR_RADIX_USER_BITS) | QOR_RADIX_LINKED), k32);
   };
   qor_radix_node *split = nullptr;
   if (!n) {
@@ -771,11 +770,19 @@ void qorRadixPrefetch(const qor_radix_tree *tree, const void *key, unsigned pref
     __builtin_prefetch(n);
     return;
   }
-  // What the descent reads after the block's node: the child on the key's side, and the node
-  // above, which an insert that lands on the block's node links to.
-  if (blen(n) < prefixlen)
-    if (const qor_radix_node *c = child(n, bitAt(k, blen(n)))) __builtin_prefetch(c);
-  if (parent(n)) __builtin_prefetch(parent(n));
+  // What the descent reads after the block's node: the node above it, which an insert that
+  // lands on the block's node links to (stage 2), and the nodes on the key's way down, one
+  // level deeper at each later stage, each read here having been fetched by the stage before.
+  if (stage == 2)
+    if (const qor_radix_node *p = parent(n)) __builtin_prefetch(p);
+  for (int level = 2; n && blen(n) < prefixlen; ++level) {
+    const qor_radix_node *c = child(n, bitAt(k, blen(n)));
+    if (level == stage) {
+      if (c) __builtin_prefetch(c);
+      return;
+    }
+    n = c;
+  }
 }
 
 size_t qorRadixBytes(const qor_radix_tree *tree) {

@@ -265,8 +265,10 @@ qor_radix_node *qorRadixNodeNext(const qor_radix_node *node);
 // a caller working through many prefixes overlaps the cache misses of the next ones with the
 // work on this one. Stage 0 fetches the accelerator's slot of the key; stage 1 reads that slot
 // (fetched by an earlier stage 0) and fetches the node it names; stage 2 reads that node and
-// fetches the nodes next to it that an operation reads. No effect on the tree; a no-op when
-// the tree has no accelerator or the prefix is shorter than its stride.
+// fetches the node above it and the next node on the key's way down; each stage after that
+// reads one node more on that way (fetched by the stage before) and fetches the next. No
+// effect on the tree; a no-op when the tree has no accelerator or the prefix is shorter than
+// its stride.
 void qorRadixPrefetch(const qor_radix_tree *tree, const void *key, unsigned prefixlen, int stage);
 
 // Bytes the tree takes: internal nodes (spares too), the tree record and the accelerator.

@@ -231,8 +231,14 @@ int rtmUpdateUnNumberedRte(uint32_t vrfId, uint8_t afIndex, qor_radix_tree *tree
 bool rtmIsRouteValid(uint8_t afIndex, uint32_t cid, uint8_t *rtp, int addFlag);
 
 // A hint for batches: starts fetching what adding or deleting this route will read first in
-// the main tree (stage 0, then stages 1 and 2 for the same route some routes later: see
+// the main tree (stage 0, then the later stages for the same route some routes later: see
 // qorRadixPrefetch). No effect on the RIB; cheap enough to call for every route of a batch.
+//
+// How far ahead a batch issues each stage: stage s for the route rtmPrefetchAhead[s] places
+// on, so that what each stage reads was fetched by the stage before long enough ago to have
+// arrived.
+constexpr unsigned RTM_PREFETCH_STAGES = 4;
+constexpr unsigned rtmPrefetchAhead[RTM_PREFETCH_STAGES] = {16, 12, 8, 4};
 void rtmRoutePrefetch(uint8_t afIndex, uint32_t cid, const uint8_t *rtp, int stage);
 // The same for a batch whose tree is known: rtmRouteBatchTree gives the main tree all of a
 // client's routes go to, or null when its routes name their VRF one by one (then use the form

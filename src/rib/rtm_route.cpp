@@ -46,11 +46,7 @@ std::unordered_map<const rt_head *, rt_head_ext> &extTable() {
   return table;
 }
 
-// How far ahead a batch fetches, stage by stage: the slot of the element kPrefetchAhead[0] on,
-// the node of kPrefetchAhead[1] on, the nodes around it of kPrefetchAhead[2] on (each fetched
-// by the stage before early enough to have arrived by then).
-constexpr unsigned kPrefetchStages = 3;
-constexpr unsigned kPrefetchAhead[kPrefetchStages] = {12, 8, 4};
+
 
 struct Names {
   char prefix[RTM_INET6_ADDRSTRLEN];
@@ -747,11 +743,11 @@ int rtmUpdateRouteIPv4(uint8_t *msg, uint32_t len, rt_client *) {
     unsigned n = 0;
     while (n < kChunk && rtmRouteIterNext(&it, &els[n]) == RTM_WIRE_OK) ++n;
     if (n == 0) break;
-    for (unsigned st = 0; st < kPrefetchStages; ++st)
-      for (unsigned k = 0; k < kPrefetchAhead[st] && k < n; ++k) prefetch(els[k].rtp, st);
+    for (unsigned st = 0; st < RTM_PREFETCH_STAGES; ++st)
+      for (unsigned k = 0; k < rtmPrefetchAhead[st] && k < n; ++k) prefetch(els[k].rtp, st);
     for (unsigned i = 0; i < n; ++i) {
-      for (unsigned st = 0; st < kPrefetchStages; ++st)
-        if (i + kPrefetchAhead[st] < n) prefetch(els[i + kPrefetchAhead[st]].rtp, st);
+      for (unsigned st = 0; st < RTM_PREFETCH_STAGES; ++st)
+        if (i + rtmPrefetchAhead[st] < n) prefetch(els[i + rtmPrefetchAhead[st]].rtp, st);
       const rtm_route_elem &el = els[i];
       rtmConvertRtpParams(it.afIndex, el.rtp);
       switch (el.subCmd) {

@@ -152,7 +152,7 @@ TEST(RadixPrefetch, ReadsOnlyTheKeyAndChangesNothing) {
       for (unsigned len : {0u, 8u, 15u, 16u, 20u, bits, bits + 1}) {
         const unsigned l = std::min(len, bits);
         qor_radix_hdr *exact = qorRadixGetExact(tree, key.data(), l), *best = qorRadixGetBest(tree, key.data(), l);
-        for (int stage : {0, 1, 2}) qorRadixPrefetch(tree, key.data(), len, stage);
+        for (int stage : {0, 1, 2, 3, 4}) qorRadixPrefetch(tree, key.data(), len, stage);
         EXPECT_EQ(qorRadixGetExact(tree, key.data(), l), exact);
         EXPECT_EQ(qorRadixGetBest(tree, key.data(), l), best);
       }
