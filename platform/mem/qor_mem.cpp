@@ -5,11 +5,14 @@
 #include <sys/mman.h>
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <thread>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -132,22 +135,77 @@ constexpr size_t kRegionSize = size_t(2) << 20;
 static_assert(kRegionSize % QOR_MEM_CHUNK_SIZE == 0);
 uintptr_t g_regionNext, g_regionEnd;
 
+// A fresh region, aligned on its size (mapped twice as large and trimmed), asked for huge
+// pages; 0 when there is no address space.
+uintptr_t mapRegion() {
+  const size_t len = 2 * kRegionSize;
+  void *m = mmap(nullptr, len, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (m == MAP_FAILED) return 0;
+  const uintptr_t a = reinterpret_cast<uintptr_t>(m);
+  const uintptr_t r = (a + kRegionSize - 1) & ~(uintptr_t(kRegionSize) - 1);
+  if (r > a) munmap(m, r - a);
+  const uintptr_t end = a + len, rend = r + kRegionSize;
+  if (end > rend) munmap(reinterpret_cast<void *>(rend), end - rend);
+#ifdef MADV_HUGEPAGE
+  madvise(reinterpret_cast<void *>(r), kRegionSize, MADV_HUGEPAGE);
+#endif
+  return r;
+}
+
+// The kernel clears every page it gives a process, and a table load is mostly fresh memory:
+// at a million routes that clearing is a fifth of the daemon's time. A background thread keeps
+// the next region mapped and faulted in, so that the clearing runs beside the route path
+// rather than inside it. Taking never waits: with no region ready (or no thread, as in a child
+// after fork) the caller maps its own, as it would without the thread. The thread is started
+// by the first region taken, so that nothing runs before the daemon needs memory.
+class RegionWarmer {
+ public:
+  uintptr_t take() {
+    const uintptr_t r = ready_.exchange(0, std::memory_order_acq_rel);
+    if (!started_.exchange(true, std::memory_order_acq_rel)) start();
+    ready_.notify_one();
+    return r;
+  }
+
+ private:
+  void start() {
+    try {
+      std::thread([this] { run(); }).detach();
+    } catch (...) {
+      // No thread: every region is mapped by its taker.
+    }
+  }
+  [[noreturn]] void run() {
+    for (;;) {
+      // Only this thread makes the slot non-zero, and takers only empty it.
+      for (uintptr_t v; (v = ready_.load(std::memory_order_acquire)) != 0;) ready_.wait(v);
+      const uintptr_t r = mapRegion();
+      if (!r) {  // no address space now: try again later, the takers map their own meanwhile
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        continue;
+      }
+#ifdef MADV_POPULATE_WRITE
+      madvise(reinterpret_cast<void *>(r), kRegionSize, MADV_POPULATE_WRITE);
+#endif
+      ready_.store(r, std::memory_order_release);
+    }
+  }
+  std::atomic<uintptr_t> ready_{0};
+  std::atomic<bool> started_{false};
+};
+
+RegionWarmer &warmer() {
+  static RegionWarmer *w = new RegionWarmer;  // never destroyed: its thread outlives exit
+  return *w;
+}
+
 uintptr_t takeChunkSpace() {
   if (g_regionNext == g_regionEnd) {
-    // Map twice the size and trim, so the region sits on a multiple of its size.
-    const size_t len = 2 * kRegionSize;
-    void *m = mmap(nullptr, len, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (m == MAP_FAILED) return 0;
-    const uintptr_t a = reinterpret_cast<uintptr_t>(m);
-    const uintptr_t r = (a + kRegionSize - 1) & ~(uintptr_t(kRegionSize) - 1);
-    if (r > a) munmap(m, r - a);
-    const uintptr_t end = a + len, rend = r + kRegionSize;
-    if (end > rend) munmap(reinterpret_cast<void *>(rend), end - rend);
-#ifdef MADV_HUGEPAGE
-    madvise(reinterpret_cast<void *>(r), kRegionSize, MADV_HUGEPAGE);
-#endif
+    uintptr_t r = warmer().take();
+    if (!r) r = mapRegion();
+    if (!r) return 0;
     g_regionNext = r;
-    g_regionEnd = rend;
+    g_regionEnd = r + kRegionSize;
   }
   const uintptr_t c = g_regionNext;
   g_regionNext += QOR_MEM_CHUNK_SIZE;
