@@ -46,8 +46,6 @@ std::unordered_map<const rt_head *, rt_head_ext> &extTable() {
   return table;
 }
 
-
-
 struct Names {
   char prefix[RTM_INET6_ADDRSTRLEN];
   char client[41];
@@ -158,6 +156,7 @@ void spareBack(uint8_t af, rt_head *rth) {
     rtmHeadFree(rth);
     return;
   }
+  if (rtmhHas(rth, RTMH_EXT)) extTable().erase(rth);
   s.rth = rth;  // rtmHeadInit clears it when it is next used
   s.generation = qorMemGeneration();
 }

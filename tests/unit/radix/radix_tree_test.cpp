@@ -1,6 +1,7 @@
 // Behaviour of the tree beyond what the model test draws at random: find-or-insert and its
 // refusals, and walks whose callback changes the tree. Order, lookups, node counters and the
 // node walk used for renumbering are checked against the model.
+#include <cstring>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -60,6 +61,36 @@ TEST_F(RadixTree, InsertRefusalsAndAttach) {
   EXPECT_EQ(t->rdx_heads, 2u);
   EXPECT_EQ(qorRadixRemove(t, &dup->hdr), 1) << "not in the tree";
   EXPECT_EQ(qorRadixRemove(t, &fresh->hdr), 0);
+}
+
+// A record whose key is the node's own four key bytes, with marks of its own among the flags:
+// splits, heads taking an internal node's place and removals rewrite the node's words around
+// them, and must leave both alone.
+TEST_F(RadixTree, KeyInTheNodeAndTheRecordsMarksSurviveChangesOfShape) {
+  struct Cases {
+    uint8_t a, b, c;
+    unsigned len;
+  } const cases[] = {{10, 0, 0, 8}, {10, 1, 0, 16}, {10, 1, 2, 24}, {10, 0, 0, 16}, {10, 128, 0, 9}, {11, 0, 0, 8}};
+  std::vector<qor_radix_hdr> hs(std::size(cases));
+  for (size_t i = 0; i < hs.size(); ++i) {
+    const uint8_t key[4] = {cases[i].a, cases[i].b, cases[i].c, 99};  // host bits: masked on insert
+    qorRadixSetKey(&hs[i], qorRadixKeyBytes(&hs[i]));
+    std::memcpy(qorRadixKeyBytes(&hs[i]), key, 4);
+    qorRadixSetUserBit(&hs[i], uint8_t(0x08 << (i % 5)), true);
+    ASSERT_EQ(qorRadixInsert(t, &hs[i], cases[i].len), &hs[i]);
+  }
+  auto check = [&](size_t i, bool linked) {
+    const uint8_t want[4] = {cases[i].a, cases[i].b, cases[i].c, 0};
+    EXPECT_EQ(std::memcmp(qorRadixKey(&hs[i]), want, 4), 0) << i;
+    EXPECT_EQ(qorRadixFlags(&hs[i]) & QOR_RADIX_USER_BITS, 0x08 << (i % 5)) << i;
+    EXPECT_EQ(qorRadixIsLinked(&hs[i]), linked) << i;
+    if (linked) EXPECT_EQ(qorRadixGetExact(t, want, cases[i].len), &hs[i]) << i;
+  };
+  for (size_t i = 0; i < hs.size(); ++i) check(i, true);
+  for (size_t i : {1, 0, 4}) ASSERT_EQ(qorRadixRemove(t, &hs[i]), 0);
+  for (size_t i = 0; i < hs.size(); ++i) check(i, i != 1 && i != 0 && i != 4);
+  qorRadixSetUserBit(&hs[2], 0x08 << 2, false);
+  EXPECT_EQ(qorRadixFlags(&hs[2]), QOR_RADIX_LINKED) << "only the record's mark goes";
 }
 
 // The callback frees the head it is given, and changes the tree ahead of and behind the walk.
