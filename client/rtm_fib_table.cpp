@@ -1,8 +1,33 @@
 #include "client/rtm_fib_table.h"
 
+#include <sys/mman.h>
+
+#include <cstdlib>
 #include <cstring>
+#include <new>
 
 namespace rtmclient {
+
+namespace {
+constexpr size_t kHugePage = size_t(2) << 20;
+}
+
+void *fibBigAlloc(size_t bytes) {
+  if (bytes < kHugePage) return ::operator new(bytes);
+  const size_t rounded = (bytes + kHugePage - 1) & ~(kHugePage - 1);
+  void *p = std::aligned_alloc(kHugePage, rounded);
+  if (!p) throw std::bad_alloc();
+  // Advice only: where huge pages are off or short the arrays work on small ones.
+  madvise(p, rounded, MADV_HUGEPAGE);
+  return p;
+}
+
+void fibBigFree(void *p, size_t bytes) {
+  if (bytes < kHugePage)
+    ::operator delete(p);
+  else
+    std::free(p);
+}
 
 uint32_t FibTable::hashOf(const FibPrefix &p) {
   // Multiply-xorshift over the key's words: /24s that differ in one byte land far apart.
