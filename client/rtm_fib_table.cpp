@@ -81,10 +81,26 @@ void FibTable::reserve(size_t n) {
 
 void FibTable::grow() { reserve(slots_.empty() ? 12 : slots_.size() * 3 / 2 + 1); }
 
+void FibTable::prefetchSlot(uint32_t h) const {
+  if (!slots_.empty()) __builtin_prefetch(&slots_[h & (slots_.size() - 1)], 1);
+}
+
+void FibTable::prefetchEntry(uint32_t h) const {
+  if (slots_.empty()) return;
+  const Slot &s = slots_[h & (slots_.size() - 1)];
+  if (s.pos == 0 || s.hash != h) return;
+  __builtin_prefetch(&keys_[s.pos - 1]);
+  __builtin_prefetch(&vals_[s.pos - 1], 1);
+}
+
 bool FibTable::put(const FibPrefix &p, uint32_t proto, uint32_t metric, uint32_t marker, bool weighted,
                    const FibNextHop *nh, unsigned nnh, const uint8_t *tlv, unsigned tlvlen) {
+  return put(p, hashOf(p), proto, metric, marker, weighted, nh, nnh, tlv, tlvlen);
+}
+
+bool FibTable::put(const FibPrefix &p, uint32_t h, uint32_t proto, uint32_t metric, uint32_t marker, bool weighted,
+                   const FibNextHop *nh, unsigned nnh, const uint8_t *tlv, unsigned tlvlen) {
   if ((keys_.size() + 1) * 4 > slots_.size() * 3) grow();
-  const uint32_t h = hashOf(p);
   const size_t s = slotOf(p, h);
   const bool fresh = slots_[s].pos == 0;
   if (fresh) {
@@ -122,9 +138,11 @@ void FibTable::removeSlot(size_t s) {
   slots_[hole] = Slot{0, 0};
 }
 
-bool FibTable::erase(const FibPrefix &p) {
+bool FibTable::erase(const FibPrefix &p) { return erase(p, hashOf(p)); }
+
+bool FibTable::erase(const FibPrefix &p, uint32_t h) {
   if (slots_.empty()) return false;
-  const size_t s = slotOf(p, hashOf(p));
+  const size_t s = slotOf(p, h);
   if (!slots_[s].pos) return false;
   const uint32_t pos = slots_[s].pos - 1, last = static_cast<uint32_t>(keys_.size() - 1);
   removeSlot(s);

@@ -47,6 +47,17 @@ class FibTable {
   bool put(const FibPrefix &p, uint32_t proto, uint32_t metric, uint32_t marker, bool weighted,
            const FibNextHop *nh, unsigned nnh, const uint8_t *tlv, unsigned tlvlen);
   bool erase(const FibPrefix &p);
+  // The same with the prefix's hashOf already known. A caller holding a batch of prefixes
+  // hashes them first and prefetches a few ahead, so that the index's cache misses, one per
+  // route in a table of a million, overlap instead of coming one after the other.
+  bool put(const FibPrefix &p, uint32_t h, uint32_t proto, uint32_t metric, uint32_t marker, bool weighted,
+           const FibNextHop *nh, unsigned nnh, const uint8_t *tlv, unsigned tlvlen);
+  bool erase(const FibPrefix &p, uint32_t h);
+  // Asks for the index slot where a look-up of hash h starts.
+  void prefetchSlot(uint32_t h) const;
+  // Asks for the key and entry that slot names, if it names one of hash h: what a replace or
+  // a delete reads next. Meant for a slot prefetched a little earlier.
+  void prefetchEntry(uint32_t h) const;
   bool contains(const FibPrefix &p) const { return lookup(p) != kNone; }
   bool get(const FibPrefix &p, FibRoute *out) const;
   size_t size() const { return keys_.size(); }
