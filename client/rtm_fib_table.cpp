@@ -76,7 +76,7 @@ void FibTable::reserve(size_t n) {
   }
   if (cap == slots_.size()) return;
   slots_.assign(cap, Slot{0, 0});
-  for (size_t i = 0; i < keys_.size(); ++i) insertSlot(hashOf(keys_[i]), static_cast<uint32_t>(i));
+  for (size_t i = 0; i < keys_.size(); ++i) insertSlot(vals_[i].hash, static_cast<uint32_t>(i));
 }
 
 void FibTable::grow() { reserve(slots_.empty() ? 12 : slots_.size() * 3 / 2 + 1); }
@@ -109,6 +109,7 @@ bool FibTable::put(const FibPrefix &p, uint32_t h, uint32_t proto, uint32_t metr
     slots_[s] = {h, static_cast<uint32_t>(keys_.size())};
   }
   Entry &e = vals_[slots_[s].pos - 1];
+  e.hash = h;
   e.proto = proto;
   e.metric = metric;
   e.marker = marker;
@@ -150,12 +151,15 @@ bool FibTable::erase(const FibPrefix &p, uint32_t h) {
     keys_[pos] = keys_[last];
     vals_[pos] = std::move(vals_[last]);
     const size_t mask = slots_.size() - 1;
-    size_t i = hashOf(keys_[pos]) & mask;
+    size_t i = vals_[pos].hash & mask;
     while (slots_[i].pos != last + 1) i = (i + 1) & mask;
     slots_[i].pos = pos + 1;
   }
   keys_.pop_back();
   vals_.pop_back();
+  // The route now last is the one the next erase of another route moves: its slot is a cache
+  // miss of its own, asked for now.
+  if (!vals_.empty()) prefetchSlot(vals_.back().hash);
   return true;
 }
 
@@ -173,7 +177,7 @@ void FibTable::eraseIf(const std::function<bool(const FibPrefix &)> &pred) {
   keys_.resize(kept);
   vals_.resize(kept);
   std::fill(slots_.begin(), slots_.end(), Slot{0, 0});
-  for (size_t i = 0; i < kept; ++i) insertSlot(hashOf(keys_[i]), static_cast<uint32_t>(i));
+  for (size_t i = 0; i < kept; ++i) insertSlot(vals_[i].hash, static_cast<uint32_t>(i));
 }
 
 void FibTable::toRoute(const Entry &e, FibRoute *out) const {

@@ -79,6 +79,7 @@ class FibTable {
     uint8_t nnh = 0;
     uint16_t tlvlen = 0;
     FibNextHop nh0;
+    uint32_t hash = 0;  // the key's, kept in what was padding: a move re-finds its slot without the key
     std::unique_ptr<uint8_t[]> extra;  // next hops 1.. as FibNextHop records, then the TLV
   };
   static constexpr size_t kNone = SIZE_MAX;
