@@ -637,6 +637,7 @@ class FibAgent {
   FibRouteMsg scratch_;
   std::vector<FibNhRecord> nhScratch_;
   std::vector<FibNextHop> nhRoute_;
+  std::vector<std::pair<FibPrefix, uint32_t>> keyed_;  // a message's prefixes and their hashes
   Stats stats_;
   std::function<void(uint32_t, const uint8_t *, size_t)> hook_;
   std::string err_, malformedWhy_;

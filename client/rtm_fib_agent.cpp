@@ -299,22 +299,38 @@ void FibAgent::malformed(uint32_t mtype, int err) {
 void FibAgent::applyRoutes(const uint8_t *msg, size_t len) {
   ++stats_.routeMsgs;
   if (int rc = decodeFibRoutes(msg, len, &scratch_)) return malformed(ld32(msg, IPC_OFF_MTYPE), rc);
-  FibPrefix key;
-  key.afIndex = scratch_.afIndex;
-  const unsigned alen = rtmAfAddrLen(key.afIndex);
-  for (const FibCmd &c : scratch_.cmds) {
+  const uint8_t afIndex = scratch_.afIndex;
+  const unsigned alen = rtmAfAddrLen(afIndex);
+  const size_t n = scratch_.cmds.size();
+  keyed_.resize(n);
+  for (size_t i = 0; i < n; ++i) {
+    const FibCmd &c = scratch_.cmds[i];
+    FibPrefix &key = keyed_[i].first;
+    key = FibPrefix{};
+    key.afIndex = afIndex;
     key.vrfId = c.vrfId;
     key.len = c.prefixLen;
     memcpy(key.addr, c.prefix, alen);
+    keyed_[i].second = FibTable::hashOf(key);
+  }
+  // Slots are asked for kAhead routes before they are needed, and the key and entry a slot
+  // names half as far ahead, once the slot itself has had time to arrive.
+  constexpr size_t kAhead = 8;
+  for (size_t i = 0; i < std::min(n, kAhead); ++i) table_->prefetchSlot(keyed_[i].second);
+  for (size_t i = 0; i < n; ++i) {
+    if (i + kAhead < n) table_->prefetchSlot(keyed_[i + kAhead].second);
+    if (i + kAhead / 2 < n) table_->prefetchEntry(keyed_[i + kAhead / 2].second);
+    const FibCmd &c = scratch_.cmds[i];
+    const auto &[key, h] = keyed_[i];
     if (c.op == FIB_OP_DEL) {
       ++stats_.dels;
-      if (!table_->erase(key)) ++stats_.delsUnknown;
+      if (!table_->erase(key, h)) ++stats_.delsUnknown;
       continue;
     }
     ++stats_.adds;
     nhRoute_.resize(c.nnh);
-    for (unsigned i = 0; i < c.nnh; ++i) nhRoute_[i] = fibCmdNextHop(key.afIndex, c, i);
-    table_->put(key, c.proto, c.metric, c.marker, c.weighted, nhRoute_.data(), c.nnh, c.tlv, c.tlvlen);
+    for (unsigned j = 0; j < c.nnh; ++j) nhRoute_[j] = fibCmdNextHop(afIndex, c, j);
+    table_->put(key, h, c.proto, c.metric, c.marker, c.weighted, nhRoute_.data(), c.nnh, c.tlv, c.tlvlen);
   }
 }
 

@@ -1,8 +1,33 @@
 #include "client/rtm_fib_table.h"
 
+#include <sys/mman.h>
+
+#include <cstdlib>
 #include <cstring>
+#include <new>
 
 namespace rtmclient {
+
+namespace {
+constexpr size_t kHugePage = size_t(2) << 20;
+}
+
+void *fibBigAlloc(size_t bytes) {
+  if (bytes < kHugePage) return ::operator new(bytes);
+  const size_t rounded = (bytes + kHugePage - 1) & ~(kHugePage - 1);
+  void *p = std::aligned_alloc(kHugePage, rounded);
+  if (!p) throw std::bad_alloc();
+  // Advice only: where huge pages are off or short the arrays work on small ones.
+  madvise(p, rounded, MADV_HUGEPAGE);
+  return p;
+}
+
+void fibBigFree(void *p, size_t bytes) {
+  if (bytes < kHugePage)
+    ::operator delete(p);
+  else
+    std::free(p);
+}
 
 uint32_t FibTable::hashOf(const FibPrefix &p) {
   // Multiply-xorshift over the key's words: /24s that differ in one byte land far apart.
@@ -51,15 +76,31 @@ void FibTable::reserve(size_t n) {
   }
   if (cap == slots_.size()) return;
   slots_.assign(cap, Slot{0, 0});
-  for (size_t i = 0; i < keys_.size(); ++i) insertSlot(hashOf(keys_[i]), static_cast<uint32_t>(i));
+  for (size_t i = 0; i < keys_.size(); ++i) insertSlot(vals_[i].hash, static_cast<uint32_t>(i));
 }
 
 void FibTable::grow() { reserve(slots_.empty() ? 12 : slots_.size() * 3 / 2 + 1); }
 
+void FibTable::prefetchSlot(uint32_t h) const {
+  if (!slots_.empty()) __builtin_prefetch(&slots_[h & (slots_.size() - 1)], 1);
+}
+
+void FibTable::prefetchEntry(uint32_t h) const {
+  if (slots_.empty()) return;
+  const Slot &s = slots_[h & (slots_.size() - 1)];
+  if (s.pos == 0 || s.hash != h) return;
+  __builtin_prefetch(&keys_[s.pos - 1]);
+  __builtin_prefetch(&vals_[s.pos - 1], 1);
+}
+
 bool FibTable::put(const FibPrefix &p, uint32_t proto, uint32_t metric, uint32_t marker, bool weighted,
                    const FibNextHop *nh, unsigned nnh, const uint8_t *tlv, unsigned tlvlen) {
+  return put(p, hashOf(p), proto, metric, marker, weighted, nh, nnh, tlv, tlvlen);
+}
+
+bool FibTable::put(const FibPrefix &p, uint32_t h, uint32_t proto, uint32_t metric, uint32_t marker, bool weighted,
+                   const FibNextHop *nh, unsigned nnh, const uint8_t *tlv, unsigned tlvlen) {
   if ((keys_.size() + 1) * 4 > slots_.size() * 3) grow();
-  const uint32_t h = hashOf(p);
   const size_t s = slotOf(p, h);
   const bool fresh = slots_[s].pos == 0;
   if (fresh) {
@@ -68,6 +109,7 @@ bool FibTable::put(const FibPrefix &p, uint32_t proto, uint32_t metric, uint32_t
     slots_[s] = {h, static_cast<uint32_t>(keys_.size())};
   }
   Entry &e = vals_[slots_[s].pos - 1];
+  e.hash = h;
   e.proto = proto;
   e.metric = metric;
   e.marker = marker;
@@ -97,9 +139,11 @@ void FibTable::removeSlot(size_t s) {
   slots_[hole] = Slot{0, 0};
 }
 
-bool FibTable::erase(const FibPrefix &p) {
+bool FibTable::erase(const FibPrefix &p) { return erase(p, hashOf(p)); }
+
+bool FibTable::erase(const FibPrefix &p, uint32_t h) {
   if (slots_.empty()) return false;
-  const size_t s = slotOf(p, hashOf(p));
+  const size_t s = slotOf(p, h);
   if (!slots_[s].pos) return false;
   const uint32_t pos = slots_[s].pos - 1, last = static_cast<uint32_t>(keys_.size() - 1);
   removeSlot(s);
@@ -107,12 +151,15 @@ bool FibTable::erase(const FibPrefix &p) {
     keys_[pos] = keys_[last];
     vals_[pos] = std::move(vals_[last]);
     const size_t mask = slots_.size() - 1;
-    size_t i = hashOf(keys_[pos]) & mask;
+    size_t i = vals_[pos].hash & mask;
     while (slots_[i].pos != last + 1) i = (i + 1) & mask;
     slots_[i].pos = pos + 1;
   }
   keys_.pop_back();
   vals_.pop_back();
+  // The route now last is the one the next erase of another route moves: its slot is a cache
+  // miss of its own, asked for now.
+  if (!vals_.empty()) prefetchSlot(vals_.back().hash);
   return true;
 }
 
@@ -130,7 +177,7 @@ void FibTable::eraseIf(const std::function<bool(const FibPrefix &)> &pred) {
   keys_.resize(kept);
   vals_.resize(kept);
   std::fill(slots_.begin(), slots_.end(), Slot{0, 0});
-  for (size_t i = 0; i < kept; ++i) insertSlot(hashOf(keys_[i]), static_cast<uint32_t>(i));
+  for (size_t i = 0; i < kept; ++i) insertSlot(vals_[i].hash, static_cast<uint32_t>(i));
 }
 
 void FibTable::toRoute(const Entry &e, FibRoute *out) const {

@@ -20,12 +20,44 @@
 
 namespace rtmclient {
 
+// The allocator of the table's arrays: one of at least 2 MB is aligned to and asks for huge
+// pages. At a million routes the index alone spans thousands of small pages, so nearly every
+// look-up missed the TLB as well as the cache, and filling the arrays took a page fault per
+// 4 KB; both cost several times more under a hypervisor.
+void *fibBigAlloc(size_t bytes);
+void fibBigFree(void *p, size_t bytes);
+
+template <class T>
+struct FibBigAllocator {
+  using value_type = T;
+  FibBigAllocator() = default;
+  template <class U>
+  FibBigAllocator(const FibBigAllocator<U> &) {}
+  T *allocate(size_t n) { return static_cast<T *>(fibBigAlloc(n * sizeof(T))); }
+  void deallocate(T *p, size_t n) { fibBigFree(p, n * sizeof(T)); }
+  template <class U>
+  bool operator==(const FibBigAllocator<U> &) const {
+    return true;
+  }
+};
+
 class FibTable {
  public:
   // Puts the route in place whole, replacing what the prefix had. Returns true if it was new.
   bool put(const FibPrefix &p, uint32_t proto, uint32_t metric, uint32_t marker, bool weighted,
            const FibNextHop *nh, unsigned nnh, const uint8_t *tlv, unsigned tlvlen);
   bool erase(const FibPrefix &p);
+  // The same with the prefix's hashOf already known. A caller holding a batch of prefixes
+  // hashes them first and prefetches a few ahead, so that the index's cache misses, one per
+  // route in a table of a million, overlap instead of coming one after the other.
+  bool put(const FibPrefix &p, uint32_t h, uint32_t proto, uint32_t metric, uint32_t marker, bool weighted,
+           const FibNextHop *nh, unsigned nnh, const uint8_t *tlv, unsigned tlvlen);
+  bool erase(const FibPrefix &p, uint32_t h);
+  // Asks for the index slot where a look-up of hash h starts.
+  void prefetchSlot(uint32_t h) const;
+  // Asks for the key and entry that slot names, if it names one of hash h: what a replace or
+  // a delete reads next. Meant for a slot prefetched a little earlier.
+  void prefetchEntry(uint32_t h) const;
   bool contains(const FibPrefix &p) const { return lookup(p) != kNone; }
   bool get(const FibPrefix &p, FibRoute *out) const;
   size_t size() const { return keys_.size(); }
@@ -47,6 +79,7 @@ class FibTable {
     uint8_t nnh = 0;
     uint16_t tlvlen = 0;
     FibNextHop nh0;
+    uint32_t hash = 0;  // the key's, kept in what was padding: a move re-finds its slot without the key
     std::unique_ptr<uint8_t[]> extra;  // next hops 1.. as FibNextHop records, then the TLV
   };
   static constexpr size_t kNone = SIZE_MAX;
@@ -58,9 +91,9 @@ class FibTable {
   void removeSlot(size_t s);
   void toRoute(const Entry &e, FibRoute *out) const;
 
-  std::vector<Slot> slots_;  // a power of two, at most 3/4 full
-  std::vector<FibPrefix> keys_;
-  std::vector<Entry> vals_;
+  std::vector<Slot, FibBigAllocator<Slot>> slots_;  // a power of two, at most 3/4 full
+  std::vector<FibPrefix, FibBigAllocator<FibPrefix>> keys_;
+  std::vector<Entry, FibBigAllocator<Entry>> vals_;
 };
 
 }  // namespace rtmclient

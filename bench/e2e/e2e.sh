@@ -80,7 +80,10 @@ waitAgents() {
   local latest=0
   for (( i = 0; i < agents; i++ )); do
     while ! grep -q "$1" "$run/fib$i.out"; do
-      kill -0 "${fib[$i]}" 2>/dev/null || { echo "e2e.sh: agent $i ended:" >&2; cat "$run/fib$i.out" >&2; exit 1; }
+      # Looked at again once the agent is gone: it may have printed the line and left between
+      # the two looks.
+      kill -0 "${fib[$i]}" 2>/dev/null || grep -q "$1" "$run/fib$i.out" ||
+        { echo "e2e.sh: agent $i ended:" >&2; cat "$run/fib$i.out" >&2; exit 1; }
       sleep 0.02
     done
     local t; t=$(sed -n "/$1/s/.*(at \([0-9.]*\),.*/\1/p" "$run/fib$i.out" | tail -1)

@@ -61,6 +61,7 @@ struct Queue {
   int sendWaitMs = QOR_IPC_DEFAULT_SEND_WAIT_MS;
   std::deque<Datagram> reserve;
   size_t reserveBytes = 0;
+  std::vector<std::vector<uint8_t>> spare;  // buffers of consumed messages, for reuse
   bool evRaised = false;
   QorIpcStats stats;
 
@@ -178,19 +179,51 @@ void syncEvent(Queue &q) {
   }
 }
 
+// Datagrams one system call takes from the kernel. The kernel queues only a handful per
+// socket, so a larger batch would seldom fill.
+constexpr unsigned kRecvBatch = 16;
+// Spare buffers a queue keeps for the reserve, so a steady stream does not allocate.
+constexpr size_t kSpareBuffers = 32;
+
+struct RecvBatch {
+  // Not zero-filled: pages the kernel never writes stay untouched.
+  std::unique_ptr<uint8_t[]> bytes{new uint8_t[size_t(kRecvBatch) * kMaxDatagram]};
+  mmsghdr mm[kRecvBatch];
+  iovec iov[kRecvBatch];
+};
+
 // Moves what the kernel holds into the reserve, up to the receive limit. q.mu held.
 void drain(Queue &q) {
-  static thread_local std::vector<uint8_t> tmp(kMaxDatagram);
+  static thread_local RecvBatch b;
   while (q.reserveBytes < q.recvLimit) {
-    ssize_t n = recv(q.sock, tmp.data(), tmp.size(), MSG_DONTWAIT | MSG_TRUNC);
+    // No more datagrams than the limit leaves room for (counted as whole messages), so a
+    // small limit still bounds the reserve as tightly as one receive at a time did.
+    const size_t room = 1 + (q.recvLimit - q.reserveBytes) / RTM_IPC_BUF_SIZE;
+    const unsigned want = static_cast<unsigned>(std::min<size_t>(kRecvBatch, room));
+    for (unsigned i = 0; i < want; ++i) {
+      b.iov[i] = {b.bytes.get() + size_t(i) * kMaxDatagram, kMaxDatagram};
+      b.mm[i] = mmsghdr{};
+      b.mm[i].msg_hdr.msg_iov = &b.iov[i];
+      b.mm[i].msg_hdr.msg_iovlen = 1;
+    }
+    // MSG_TRUNC: msg_len is the datagram's whole length, which tells a truncated one apart.
+    const int n = recvmmsg(q.sock, b.mm, want, MSG_DONTWAIT | MSG_TRUNC, nullptr);
     if (n < 0) {
       if (errno == EINTR) continue;
       break;
     }
-    size_t kept = std::min(static_cast<size_t>(n), tmp.size());
-    q.reserve.push_back(Datagram{std::vector<uint8_t>(tmp.begin(), tmp.begin() + kept),
-                                 static_cast<size_t>(n)});
-    q.reserveBytes += kept;
+    for (int i = 0; i < n; ++i) {
+      const size_t full = b.mm[i].msg_len, kept = std::min(full, kMaxDatagram);
+      std::vector<uint8_t> bytes;
+      if (!q.spare.empty()) {
+        bytes = std::move(q.spare.back());
+        q.spare.pop_back();
+      }
+      bytes.assign(b.bytes.get() + size_t(i) * kMaxDatagram, b.bytes.get() + size_t(i) * kMaxDatagram + kept);
+      q.reserve.push_back(Datagram{std::move(bytes), full});
+      q.reserveBytes += kept;
+    }
+    if (static_cast<unsigned>(n) < want) break;  // the kernel had no more: no need to ask again
   }
   syncEvent(q);
 }
@@ -209,6 +242,7 @@ int takeFront(Queue &q, void *buf, uint32_t size) {
   }
   memcpy(buf, d.bytes.data(), d.fullLen);
   q.stats.received++;
+  if (q.spare.size() < kSpareBuffers) q.spare.push_back(std::move(d.bytes));
   return static_cast<int>(d.fullLen);
 }
 

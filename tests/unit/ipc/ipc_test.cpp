@@ -208,6 +208,43 @@ TEST_F(IpcTest, ReceiveTimesOutWithErrno60AndNeverWritesPastTheBuffer) {
   EXPECT_EQ(std::make_tuple(s.recvErrors, s.received, s.timeouts), std::make_tuple(1u, 1u, 1u));
 }
 
+TEST_F(IpcTest, ABurstOfMixedLengthsComesBackWholeAndInOrder) {
+  int aq = Key_getReqQueue(qorIpcOpen(76, 0)), bq = Key_getReqQueue(qorIpcOpen(138, 0));
+  ASSERT_EQ(qorIpcSetSendBufferLimit(aq, 100000), 0);
+  // Several datagrams reach the reserve in one batch; buffers of messages taken are used
+  // again for later ones, so a short message after a long one must not come back with the
+  // long one's tail, and one beyond what the reserve keeps whole is reported, not cut short.
+  struct Case {
+    uint32_t len, bufSize;
+    int want;  // the length, or -1 for EMSGSIZE
+  } cases[] = {
+      {8192, 8192, 8192}, {68, 8192, 68},     {90000, 8192, -1}, {100, 8192, 100},
+      {8192, 4000, -1},   {4000, 8192, 4000}, {60, 60, 60},      {8191, 8192, 8191},
+  };
+  for (const Case &c : cases) ASSERT_EQ(qorIpcSend(aq, makeMsg(c.len, c.len, 138, 0).data(), c.len), 0);
+  std::vector<uint8_t> buf(8192);
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.len);
+    std::fill(buf.begin(), buf.end(), 0xEE);
+    errno = 0;
+    const int n = qorIpcRecv(bq, buf.data(), c.bufSize, QOR_IPC_NOWAIT, 0, 0);
+    EXPECT_EQ(n, c.want);
+    const auto sent = makeMsg(c.len, c.len, 138, 0);
+    if (c.want < 0) {
+      EXPECT_EQ(errno, EMSGSIZE);
+      EXPECT_TRUE(std::equal(buf.begin(), buf.begin() + c.bufSize, sent.begin()));
+    } else {
+      EXPECT_TRUE(std::equal(sent.begin(), sent.end(), buf.begin()));
+    }
+    const size_t written = c.want < 0 ? c.bufSize : size_t(c.want);
+    if (written < buf.size()) {
+      EXPECT_EQ(buf[written], 0xEE) << "wrote past the message";
+    }
+  }
+  EXPECT_EQ(recv(bq, buf.data(), 8192), -1);
+  EXPECT_EQ(errno, EAGAIN);
+}
+
 TEST_F(IpcTest, ReserveHoldsABurstBeyondTheKernelQueueAndStaysSelectable) {
   int aq = Key_getReqQueue(qorIpcOpen(76, 0)), bq = Key_getReqQueue(qorIpcOpen(138, 0));
   int fd = Key_getSocketFd(bq);
