@@ -785,6 +785,22 @@ void qorRadixPrefetch(const qor_radix_tree *tree, const void *key, unsigned pref
   }
 }
 
+void qorRadixPrefetchRemove(const qor_radix_tree *tree, const qor_radix_hdr *head, int stage) {
+  if (!tree || !head || !qorRadixIsLinked(head)) return;
+  const qor_radix_node *p = parent(head);
+  if (stage == 0) {
+    if (p) __builtin_prefetch(p, 1);
+    for (unsigned side = 0; side < 2; ++side)
+      if (const qor_radix_node *c = child(head, side)) __builtin_prefetch(c, 1);
+    if (const QorRadixAccel *a = tree->rdx_accel; a && blen(head) >= a->bits)
+      __builtin_prefetch(&a->slot[blockOf(a, key32(head))], 1);
+    return;
+  }
+  if (!p) return;
+  if (const qor_radix_node *g = parent(p)) __builtin_prefetch(g, 1);
+  if (const qor_radix_node *s = child(p, child(p, 0) == head)) __builtin_prefetch(s, 1);
+}
+
 size_t qorRadixBytes(const qor_radix_tree *tree) {
   if (!tree) return 0;
   return sizeof(qor_radix_tree) + tree->rdx_nodeBytes +

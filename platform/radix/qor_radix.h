@@ -271,6 +271,13 @@ qor_radix_node *qorRadixNodeNext(const qor_radix_node *node);
 // its stride.
 void qorRadixPrefetch(const qor_radix_tree *tree, const void *key, unsigned prefixlen, int stage);
 
+// The same for removals, for a caller that has several heads to remove: stage 0 fetches the
+// nodes next to the head (its parent and children) and its accelerator slot; stage 1 reads the
+// parent (fetched by stage 0) and fetches the nodes a removal may relink around it (the
+// parent's parent and the head's sibling). Call stage 0 for all, then stage 1 for all, then
+// remove them. No effect on the tree.
+void qorRadixPrefetchRemove(const qor_radix_tree *tree, const qor_radix_hdr *head, int stage);
+
 // Bytes the tree takes: internal nodes (spares too), the tree record and the accelerator.
 size_t qorRadixBytes(const qor_radix_tree *tree);
 

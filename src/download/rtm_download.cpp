@@ -94,6 +94,41 @@ void freeTombstone(qor_radix_tree *tree, rt_head *head) {
   rtmHeadFree(head);
 }
 
+// The heads a change-list walk frees are gathered and freed when the walk returns (or when the
+// batch is full): a removal misses the cache on the nodes around its head, and in a batch those
+// nodes are fetched for all the heads before the first is removed. Nothing else runs while a
+// walk is under way and the walk has passed them, so no one meets a gathered head before it
+// goes; every walk that gathers is followed by freeGathered before anything else can run.
+struct Gathered {
+  qor_radix_tree *tree = nullptr;
+  unsigned n = 0;
+  rt_head *heads[32];
+};
+Gathered g_gathered;
+
+void freeGathered() {
+  Gathered &g = g_gathered;
+  for (int stage = 0; stage < 2; ++stage)
+    for (unsigned i = 0; i < g.n; ++i) qorRadixPrefetchRemove(g.tree, &g.heads[i]->rtmh_rdx, stage);
+  for (unsigned i = 0; i < g.n; ++i) freeTombstone(g.tree, g.heads[i]);
+  g.n = 0;
+}
+
+void freeAfterWalk(qor_radix_tree *tree, rt_head *head) {
+  Gathered &g = g_gathered;
+  if (g.n == std::size(g.heads) || (g.n && g.tree != tree)) freeGathered();
+  g.tree = tree;
+  g.heads[g.n++] = head;
+}
+
+// A walk of the change list whose callback may gather heads, and their freeing.
+int walkChanges(qor_radix_tree *tree, qor_radical_walker *walker, QorRadixWalkCB cb, uint32_t budget,
+                uint64_t snapshot, int *stopped, void *ctx) {
+  const int visited = qorRadicalWalkChangeList(tree, walker, cb, 0, budget, snapshot, &rtmThreads, stopped, ctx);
+  freeGathered();
+  return visited;
+}
+
 bool restartAsked(uint32_t vrfId, uint8_t afIndex) { return rtmDnldRestart[vrfId][afIndex] == 1; }
 
 uint32_t walkBudget() { return g_rtmVrfCount == 0 ? kWalkBudget : kWalkBudget / g_rtmVrfCount; }
@@ -171,8 +206,7 @@ void runRegular(uint32_t vrfId, uint8_t afIndex, qor_radix_tree *tree) {
     g_pass.pLocalBuf[afIndex] = nullptr;
     WalkCtx ctx{rtc, &g_pass.pLocalBuf[afIndex], tree, &afIndex, &vrfId};
     int stopped = 0;
-    const int visited = qorRadicalWalkChangeList(tree, &rvi->rvi_walker, rtmDownloadWalkCB, 0, walkBudget(), snapshot,
-                                                 &rtmThreads, &stopped, &ctx);
+    const int visited = walkChanges(tree, &rvi->rvi_walker, rtmDownloadWalkCB, walkBudget(), snapshot, &stopped, &ctx);
     if (afIndex == RTM_IPV4UNI_AFINDEX) rtmNhDownloadFromFifo(RTM_IPV4UNI_AFINDEX, vrfId);
     if (!stopped) rvi->rvi_version = rvi->rvi_walker.walker_version;
     rvi->rvi_ruleFlags[0] &= uint8_t(~RVI_DNLD_NEW);
@@ -227,8 +261,7 @@ void runSuper(uint32_t vrfId, uint8_t afIndex, qor_radix_tree *tree) {
       g_pass.pLocalBuf[afIndex] = nullptr;
       WalkCtx ctx{rtmClientOfNode(first), &g_pass.pLocalBuf[afIndex], tree, &afIndex, &vrfId};
       int stopped = 0;
-      qorRadicalWalkChangeList(tree, &drvi->rvi_walker, rtmSuperDownloadWalkCB, 0, kWalkBudget, snapshot,
-                               &rtmThreads, &stopped, &ctx);
+      walkChanges(tree, &drvi->rvi_walker, rtmSuperDownloadWalkCB, kWalkBudget, snapshot, &stopped, &ctx);
       if (afIndex == RTM_IPV4UNI_AFINDEX) rtmNhDownloadFromFifo(RTM_IPV4UNI_AFINDEX, vrfId);
       if (!stopped) drvi->rvi_version = drvi->rvi_walker.walker_version;
       rtmDownloadCkSwpQlen(dummy, kHighMark, kLowMark);
@@ -359,7 +392,7 @@ int rtmDownloadWalkCB(qor_radix_hdr *h, void *user) {
   }
   if (rtClientVrfInfo *rvi = rtc->rtc_vrf[vrfId]) rvi->rvi_version = rtmh_version(head);
   if (gone && rtmRedistMemCkZero(head->rtmh_redlist, sizeof head->rtmh_redlist, vrfId, afIndex))
-    freeTombstone(ctx->tree, head);
+    freeAfterWalk(ctx->tree, head);
   return 0;
 }
 
@@ -396,7 +429,7 @@ int rtmSuperDownloadWalkCB(qor_radix_hdr *h, void *user) {
   }
   if (rtClientVrfInfo *drvi = dummy->rtc_vrf[vrfId]) drvi->rvi_version = rtmh_version(head);
   rtmUpdateVersionSuperMembers(vrfId, afIndex);
-  if (freeIt) freeTombstone(ctx->tree, head);
+  if (freeIt) freeAfterWalk(ctx->tree, head);
   return 0;
 }
 

@@ -177,6 +177,8 @@ void rtmDownloadMain(void *arg);
 // thread's body calls it; tests may call it from the main task.
 int rtmDownloadPass();
 
+// The callbacks of the download walks. A deleted prefix that no client holds any more is freed
+// when the walk that called back returns, together with the others of that walk.
 int rtmDownloadWalkCB(qor_radix_hdr *head, void *user);
 int rtmSuperDownloadWalkCB(qor_radix_hdr *head, void *user);
 // 1 if the head's route must not go to this client (the BGP filter of IPM, IPM6 and LDP).
