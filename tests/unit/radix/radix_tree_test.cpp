@@ -91,6 +91,7 @@ TEST_F(RadixTree, KeyInTheNodeAndTheRecordsMarksSurviveChangesOfShape) {
   for (size_t i = 0; i < hs.size(); ++i) check(i, i != 1 && i != 0 && i != 4);
   qorRadixSetUserBit(&hs[2], 0x08 << 2, false);
   EXPECT_EQ(qorRadixFlags(&hs[2]), QOR_RADIX_LINKED) << "only the record's mark goes";
+  for (size_t i : {2, 3, 5}) EXPECT_EQ(qorRadixRemove(t, &hs[i]), 0);  // the records go before the tree
 }
 
 // The callback frees the head it is given, and changes the tree ahead of and behind the walk.
