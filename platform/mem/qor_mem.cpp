@@ -20,8 +20,8 @@
 
 namespace {
 
-constexpr uintptr_t kChunkMask = ~(uintptr_t(QOR_MEM_CHUNK_SIZE) - 1);
-constexpr uint64_t kChunkMagic = 0x514f524d454d4348ull;
+[[maybe_unused]] constexpr uintptr_t kChunkMask = ~(uintptr_t(QOR_MEM_CHUNK_SIZE) - 1);
+[[maybe_unused]] constexpr uint64_t kChunkMagic = 0x514f524d454d4348ull;
 
 struct VarPart;
 
