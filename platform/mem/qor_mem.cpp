@@ -5,6 +5,7 @@
 #include <sys/mman.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cinttypes>
@@ -161,13 +162,20 @@ uintptr_t mapRegion() {
 class RegionWarmer {
  public:
   uintptr_t take() {
-    const uintptr_t r = ready_.exchange(0, std::memory_order_acq_rel);
+    uintptr_t r = 0;
+    for (auto &slot : ready_)
+      if (slot.load(std::memory_order_relaxed) && (r = slot.exchange(0, std::memory_order_acq_rel))) break;
     if (!started_.exchange(true, std::memory_order_acq_rel)) start();
-    ready_.notify_one();
+    taken_.fetch_add(1, std::memory_order_release);
+    taken_.notify_one();
     return r;
   }
 
  private:
+  // Regions kept ready: a table load takes one every few milliseconds, and a few in hand let
+  // the thread catch up after a burst.
+  static constexpr unsigned kAhead = 4;
+
   void start() {
     try {
       std::thread([this] { run(); }).detach();
@@ -177,20 +185,28 @@ class RegionWarmer {
   }
   [[noreturn]] void run() {
     for (;;) {
-      // Only this thread makes the slot non-zero, and takers only empty it.
-      for (uintptr_t v; (v = ready_.load(std::memory_order_acquire)) != 0;) ready_.wait(v);
-      const uintptr_t r = mapRegion();
-      if (!r) {  // no address space now: try again later, the takers map their own meanwhile
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        continue;
-      }
+      const uint32_t seen = taken_.load(std::memory_order_acquire);
+      bool filled = false;
+      // Only this thread makes a slot non-zero, and takers only empty them.
+      for (auto &slot : ready_) {
+        if (slot.load(std::memory_order_acquire)) continue;
+        const uintptr_t r = mapRegion();
+        if (!r) break;  // no address space now: the takers map their own meanwhile
 #ifdef MADV_POPULATE_WRITE
-      madvise(reinterpret_cast<void *>(r), kRegionSize, MADV_POPULATE_WRITE);
+        madvise(reinterpret_cast<void *>(r), kRegionSize, MADV_POPULATE_WRITE);
 #endif
-      ready_.store(r, std::memory_order_release);
+        slot.store(r, std::memory_order_release);
+        filled = true;
+      }
+      if (filled) continue;  // look again: takers may have emptied a slot meanwhile
+      if (std::all_of(ready_.begin(), ready_.end(), [](auto &x) { return x.load() != 0; }))
+        taken_.wait(seen);  // until the next take
+      else
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
   }
-  std::atomic<uintptr_t> ready_{0};
+  std::array<std::atomic<uintptr_t>, kAhead> ready_{};
+  std::atomic<uint32_t> taken_{0};
   std::atomic<bool> started_{false};
 };
 
