@@ -179,10 +179,45 @@ class DownloadSystem : public ::testing::Test {
           return true;
         },
         timeoutMs);
-    if (!ok)
+    if (!ok) {
       for (auto &a : agents)
         if (!a->withholding())
-          ADD_FAILURE() << "agent holds " << a->routeCount() << " routes\n" << firstDifferences(want, a->dump());
+          ADD_FAILURE() << "agent holds " << a->routeCount() << " routes, " << agentStats(*a) << "\n"
+                        << firstDifferences(want, a->dump());
+      ADD_FAILURE() << "rtmd's download clients:\n" << clientsText() << "rtmd's log, last lines:\n" << logTail(40);
+    }
+  }
+  // What a stalled download needs looked at: how far each side got.
+  static std::string agentStats(FibAgent &a) {
+    const auto &st = a.stats();
+    return "taken " + std::to_string(st.messages) + ", repeats " + std::to_string(st.repeats) + ", gaps " +
+           std::to_string(st.gaps) + ", withheld " + std::to_string(st.withheld) + ", fresh starts " +
+           std::to_string(st.freshStarts);
+  }
+  std::string clientsText() {
+    std::string out;
+    for (uint8_t af : {uint8_t(RTM_IPV4UNI_AFINDEX), uint8_t(RTM_IPV6UNI_AFINDEX)}) {
+      DnldClientsReply v;
+      if (queryDnldClients(probe, af, 0, &v, 2000, 1) != 0) continue;
+      for (const auto &r : v.rows)
+        out += "  af " + std::to_string(af) + " proto " + std::to_string(r.proto) + "/" + std::to_string(r.instance) +
+               " list " + std::to_string(r.list) + " state " + std::to_string(r.dnldState) + " qState " +
+               std::to_string(r.qState) + " queue " + std::to_string(r.queueLen) + " sends " +
+               std::to_string(r.sends) + "/" + std::to_string(r.superSends) + " failures " +
+               std::to_string(r.failures) + " version " + std::to_string(r.version) + " of " +
+               std::to_string(v.treeVersion) + "\n";
+    }
+    return out;
+  }
+  std::string logTail(size_t lines) {
+    const std::string all = readFile(log);
+    size_t from = all.size();
+    for (size_t n = 0; n <= lines; ++n) {
+      const size_t nl = from ? all.rfind('\n', from - 1) : std::string::npos;
+      if (nl == std::string::npos) return all;
+      from = nl;
+    }
+    return all.substr(from + 1);
   }
   // Adds (or withdraws) BGP routes of the model's family for indices [first, first + count):
   // 11.i.j.0/24 or 2001:db8:0:i::/64, one next hop each, and keeps the model in step.
