@@ -177,7 +177,9 @@ inline uintptr_t hintOf(const qor_radix_node *n) { return n ? reinterpret_cast<u
 // to the tree's spares, where the next insert finds it. A failed allocation fails the insert
 // only if the node turns out to be needed.
 void pushSpare(qor_radix_tree *t, qor_radix_node *n) {
-  qorRadixSetChild(n, 0, t->rdx_spare);
+  // The link is written whole: a spare's other bits mean nothing, and a fresh node must not be
+  // read (a read of memory nobody touched yet is a cache miss the insert would wait for).
+  n->rn_w[0] = reinterpret_cast<uint64_t>(t->rdx_spare);
   t->rdx_spare = n;
   ++t->rdx_spares;
 }
