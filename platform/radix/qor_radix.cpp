@@ -421,12 +421,22 @@ void accelFill(qor_radix_tree *t, QorRadixAccel *a) {
     a->slot[blockOf(a, key32(root))] = reinterpret_cast<uintptr_t>(root);
     return;
   }
-  qor_radix_node *stack[130];
+  // The fill is a chase of pointers through the whole top of the tree (half a million nodes in
+  // a full table), so it keeps fetches in flight: a node's children are fetched when it goes on
+  // the stack, and the node taken next is one pushed kLag steps ago, whose fetches are done.
+  // Any order serves, so long as a node comes after its parent: each block's slot is written
+  // by the one node that covers it deepest, and accelShortAdd keeps the longest head whatever
+  // the order. Near a full stack it goes depth first, which the tree's depth (under 32 levels
+  // above any stride) bounds.
+  constexpr unsigned kStack = 256, kLag = 8;
+  qor_radix_node *stack[kStack];
   unsigned sp = 0;
   stack[sp++] = root;
   while (sp) {
-    qor_radix_node *y = stack[--sp];
-    if (isHead(y)) accelShortAdd(t, y);  // ancestors come first, so longer prefixes win
+    const unsigned at = sp > kLag && sp < kStack - 64 ? sp - kLag : sp - 1;
+    qor_radix_node *y = stack[at];
+    stack[at] = stack[--sp];
+    if (isHead(y)) accelShortAdd(t, y);
     const size_t half = rangeCount(a, y) / 2;
     for (unsigned side = 0; side < 2; ++side) {
       const size_t r0 = rangeFirst(a, y) + side * half, r1 = r0 + half;
@@ -440,8 +450,12 @@ void accelFill(qor_radix_tree *t, QorRadixAccel *a) {
         if (c) a->slot[blockOf(a, key32(c))] = reinterpret_cast<uintptr_t>(c);
       }
     }
-    for (int side = 1; side >= 0; --side)  // child 0 first: pre-order
-      if (qor_radix_node *c = child(y, side); c && blen(c) < a->bits) stack[sp++] = c;
+    for (int side = 1; side >= 0; --side)
+      if (qor_radix_node *c = child(y, side); c && blen(c) < a->bits) {
+        if (qor_radix_node *g = child(c, 0)) __builtin_prefetch(g);
+        if (qor_radix_node *g = child(c, 1)) __builtin_prefetch(g);
+        stack[sp++] = c;
+      }
   }
 }
 
@@ -487,6 +501,25 @@ inline bool accelUsable(const qor_radix_tree *t, unsigned len) {
   return t->rdx_accel && len >= t->rdx_accel->bits;
 }
 
+// Where a descent for a prefix shorter than the stride may start: its first block's node lies
+// under the prefix's place (or is the deepest node above the stride covering the block), so the
+// last node on the way up from it whose length is still len or more is where a descent from
+// the root would arrive. A few steps up from a node the batch hints fetched, rather than twenty
+// down from the root.
+inline qor_radix_node *climbTo(qor_radix_node *n, unsigned len) {
+  while (qor_radix_node *p = parent(n)) {
+    if (blen(p) < len) break;
+    n = p;
+  }
+  return n;
+}
+
+inline qor_radix_node *shortStart(const qor_radix_tree *t, uint32_t k32, unsigned len) {
+  const QorRadixAccel *a = t->rdx_accel;
+  qor_radix_node *s = a ? slotStart(a->slot[blockOf(a, k32)]) : nullptr;
+  return s ? climbTo(s, len) : t->rdx_root;
+}
+
 qor_radix_hdr *insertHead(qor_radix_tree *t, qor_radix_hdr *head, unsigned len, bool attach) {
   if (!t || !head || !qorRadixKey(head) || len > t->rdx_keyBits) return nullptr;
   if (flags(head) & (QOR_RADIX_LINKED | QOR_RADIX_MARK)) return nullptr;  // in a tree already
@@ -500,6 +533,8 @@ qor_radix_hdr *insertHead(qor_radix_tree *t, qor_radix_hdr *head, unsigned len, 
     const uintptr_t v = t->rdx_accel->slot[blockOf(t->rdx_accel, k32)];
     if (qor_radix_node *start = slotStart(v)) n = start;
     if (!slotTop(v)) stop = t->rdx_accel->bits;
+  } else if (t->rdx_accel) {
+    n = shortStart(t, k32, len);
   }
   NodeReserve nodes(t);
   // The head becomes the node of its own prefix.
@@ -696,6 +731,7 @@ qor_radix_hdr *qorRadixGetExact(qor_radix_tree *tree, const void *key, unsigned 
   const Key k = maskKey(loadKey(static_cast<const uint8_t *>(key), tree->rdx_keyBytes), prefixlen);
   const qor_radix_node *n = tree->rdx_root;
   if (accelUsable(tree, prefixlen)) n = slotTop(tree->rdx_accel->slot[blockOf(tree->rdx_accel, top32(k))]);
+  else if (n) n = shortStart(tree, top32(k), prefixlen);
   while (n && blen(n) < prefixlen) n = child(n, bitAt(k, blen(n)));
   if (!n || blen(n) != prefixlen || !isHead(n)) return nullptr;
   return diffNode(tree, k, n, prefixlen) == prefixlen ? const_cast<qor_radix_hdr *>(n) : nullptr;
@@ -775,9 +811,9 @@ qor_radix_node *qorRadixNodeFirst(const qor_radix_tree *tree) { return tree ? tr
 qor_radix_node *qorRadixNodeNext(const qor_radix_node *node) { return node ? nextPre(node) : nullptr; }
 
 void qorRadixPrefetch(const qor_radix_tree *tree, const void *key, unsigned prefixlen, int stage) {
-  if (!tree || !key || !accelUsable(tree, prefixlen) || prefixlen > tree->rdx_keyBits) return;
+  if (!tree || !key || !tree->rdx_accel || prefixlen > tree->rdx_keyBits) return;
   const QorRadixAccel *a = tree->rdx_accel;
-  const Key k = loadKey(static_cast<const uint8_t *>(key), tree->rdx_keyBytes);
+  const Key k = maskKey(loadKey(static_cast<const uint8_t *>(key), tree->rdx_keyBytes), prefixlen);
   const uintptr_t *slot = &a->slot[blockOf(a, top32(k))];
   if (stage == 0) {
     __builtin_prefetch(slot);
@@ -794,6 +830,20 @@ void qorRadixPrefetch(const qor_radix_tree *tree, const void *key, unsigned pref
   // level deeper at each later stage, each read here having been fetched by the stage before.
   if (stage == 2)
     if (const qor_radix_node *p = parent(n)) __builtin_prefetch(p);
+  if (prefixlen < a->bits) {
+    // A shorter prefix's place is up from the block's node: one more level up at each stage
+    // after the second, which fetched the node above.
+    for (int level = 3; n; ++level) {
+      const qor_radix_node *p = parent(n);
+      if (!p || blen(p) < prefixlen) return;
+      if (level == stage) {
+        if (const qor_radix_node *g = parent(p)) __builtin_prefetch(g);
+        return;
+      }
+      n = p;
+    }
+    return;
+  }
   for (int level = 2; n && blen(n) < prefixlen; ++level) {
     const qor_radix_node *c = child(n, bitAt(k, blen(n)));
     if (level == stage) {
