@@ -19,7 +19,7 @@ import sys
 import tempfile
 import time
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), '..', '..', '..', 'client', 'python'))
 import rtm_wire as w  # noqa: E402
 from rtm_wire import NextHop, Route, OP_ADD, OP_DEL, AF_IPV4, AF_IPV6  # noqa: E402
 

@@ -3,8 +3,10 @@
 It speaks the datagram transport (60-byte header, queue ids, send-and-wait), both halves of
 SWP (a windowed go-back-N sender and the in-order receiver with cumulative acks), the
 registration of protocols and FIB agents, route updates and the FIB download messages.
-Nothing here shares code with the C++ client library: the point is that another team, in
-another language, can talk to rtmd from the documents, and this module is that other team.
+Nothing here shares code with the C++ client library: it was written from docs/ipc.md alone,
+so that another team, in another language, can talk to rtmd from the documents; the system
+test tests/system/indep drives rtmd with it. Usable as it stands for scripts and agents:
+`sys.path.insert(0, "<repo>/client/python"); import rtm_wire`.
 """
 
 import errno
