@@ -88,6 +88,14 @@ struct State {
   uint32_t listCounter = 0;
   std::vector<Pipe> pipes;
   QorSwpAckFilter ackFilter = nullptr;
+  // Held acks: the latest in-order ack of each sender queue while holding is on.
+  struct HeldAck {
+    int reqQ;
+    unsigned count;
+    uint8_t ack[QOR_SWP_ACK_LEN];
+  };
+  bool holdAcks = false;
+  std::vector<HeldAck> held;
   // The helper thread that marks pipes readable.
   std::thread ticker;
   bool stop = false;
@@ -253,6 +261,69 @@ AckPlan judge(uint32_t seq, uint32_t &expected) {
   return {QOR_SWP_SEQ_GAP, expected - 1, QOR_SWP_ACK_GAP};
 }
 
+void transmitAck(const uint8_t *ack, int reqQ) {
+  QorSwpAckFilter filter;
+  {
+    std::lock_guard<std::mutex> lk(st().mu);
+    filter = st().ackFilter;
+  }
+  if (filter && !filter(ack, QOR_SWP_ACK_LEN)) return;
+  // A lost ack is repaired by the next one or by the sender's retransmission.
+  qorIpcSend(reqQ, ack, QOR_SWP_ACK_LEN);
+}
+
+// The same sender queue: its endpoint and its handle.
+bool sameSender(const uint8_t *a, const uint8_t *b) {
+  return ld32(a, IPC_OFF_TGT_CARD) == ld32(b, IPC_OFF_TGT_CARD) &&
+         ld32(a, IPC_OFF_TGT_SVCE) == ld32(b, IPC_OFF_TGT_SVCE) && ld32(a, SWP_OFF_QUEUE) == ld32(b, SWP_OFF_QUEUE);
+}
+
+// Takes the held ack of ack's sender queue (all of them for null) out of the table.
+std::vector<State::HeldAck> takeHeld(const uint8_t *ack) {
+  std::vector<State::HeldAck> out;
+  std::lock_guard<std::mutex> lk(st().mu);
+  auto &held = st().held;
+  for (size_t i = 0; i < held.size();) {
+    if (!ack || sameSender(held[i].ack, ack)) {
+      out.push_back(held[i]);
+      held[i] = held.back();
+      held.pop_back();
+    } else {
+      ++i;
+    }
+  }
+  return out;
+}
+
+void sendHeld(const uint8_t *ack) {
+  for (const State::HeldAck &h : takeHeld(ack)) transmitAck(h.ack, h.reqQ);
+}
+
+// Keeps an in-order ack in place of its queue's last; false when holding is off. An ack whose
+// queue has kept enough goes out.
+bool holdAck(const uint8_t *ack, int reqQ) {
+  std::unique_lock<std::mutex> lk(st().mu);
+  State &s = st();
+  if (!s.holdAcks) return false;
+  auto it = std::find_if(s.held.begin(), s.held.end(), [&](const State::HeldAck &h) { return sameSender(h.ack, ack); });
+  if (it == s.held.end()) {
+    State::HeldAck h{reqQ, 0, {}};
+    try {
+      s.held.push_back(h);
+    } catch (...) {
+      return false;  // no room to keep it: sent at once
+    }
+    it = s.held.end() - 1;
+  }
+  it->reqQ = reqQ;
+  std::memcpy(it->ack, ack, QOR_SWP_ACK_LEN);
+  if (++it->count < QOR_SWP_ACK_HOLD_MAX) return true;
+  s.held.erase(it);
+  lk.unlock();
+  transmitAck(ack, reqQ);
+  return true;
+}
+
 void sendAck(const uint8_t *msg, const AckPlan &plan, int reqQ) {
   uint8_t ack[QOR_SWP_ACK_LEN] = {};
   uint32_t card = 0, qid = 0;
@@ -270,14 +341,9 @@ void sendAck(const uint8_t *msg, const AckPlan &plan, int reqQ) {
   st32(ack, SWP_OFF_SEQ, plan.seq);
   st32(ack, SWP_OFF_ACK_WORD, ld32(msg, IPC_OFF_MTYPE));
   st32(ack, SWP_OFF_ACK_KIND, plan.kind);
-  QorSwpAckFilter filter;
-  {
-    std::lock_guard<std::mutex> lk(st().mu);
-    filter = st().ackFilter;
-  }
-  if (filter && !filter(ack, QOR_SWP_ACK_LEN)) return;
-  // A lost ack is repaired by the next one or by the sender's retransmission.
-  qorIpcSend(reqQ, ack, QOR_SWP_ACK_LEN);
+  if (plan.kind == QOR_SWP_ACK_INORDER && holdAck(ack, reqQ)) return;
+  sendHeld(ack);  // what the queue kept goes first: the sender sees its acks in order
+  transmitAck(ack, reqQ);
 }
 
 int createQueue(uint32_t evkey, uint32_t flags, uint32_t window, uint32_t size, uint32_t svce,
@@ -618,6 +684,16 @@ void qorSwpRunTimers() {
   d.run();
 }
 
+void qorSwpAckHold(bool on) {
+  {
+    std::lock_guard<std::mutex> lk(st().mu);
+    st().holdAcks = on;
+  }
+  if (!on) sendHeld(nullptr);
+}
+
+void qorSwpAckFlush() { sendHeld(nullptr); }
+
 void qorSwpSetAckFilter(QorSwpAckFilter filter) {
   std::lock_guard<std::mutex> lk(st().mu);
   st().ackFilter = filter;
@@ -638,6 +714,8 @@ void qorSwpReset() {
     }
     s.pipes.clear();
     s.ackFilter = nullptr;
+    s.holdAcks = false;
+    s.held.clear();
   }
   d.run();
 }

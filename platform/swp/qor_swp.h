@@ -141,6 +141,17 @@ uint32_t qorSwpGetSeqNo(const void *msg);
 // The ack's word at 68 is the message's word at offset 12. -1 for mlen < 68.
 int qorSwpCkSeqAndAck(const void *msg, uint32_t *expected, int reqQ);
 
+// Held acknowledgements. A receiver that reads a burst of messages from one sender need not
+// answer each: acks are cumulative, and each one sent costs a datagram and, usually, the
+// sender's wake-up. While holding is on, an in-order ack is kept, the latest per sender queue,
+// and goes out when that queue has QOR_SWP_ACK_HOLD_MAX kept, at qorSwpAckFlush, or when
+// holding is turned off. Any other ack (a repeat or a gap) first sends what its queue kept.
+// The receiver flushes before it blocks or waits for anyone, and at the end of each burst, so
+// a sender's window never waits on an ack held back for long. Off by default.
+constexpr unsigned QOR_SWP_ACK_HOLD_MAX = 8;
+void qorSwpAckHold(bool on);
+void qorSwpAckFlush();
+
 // An expected-sequence list: one expected sequence per sender queue handle, for a peer that
 // sends on several queues. A handle seen for the first time takes a free slot starting at
 // firstSeq; when all `count` slots are taken, a message with sequence 1 (a new sender queue)

@@ -18,6 +18,9 @@ extern uint64_t rtmMainStart;
 extern uint32_t rtmIfmRegState, rtmChmRegState, rtmBrmRegState;
 extern uint32_t rtmCfgDnldInProg, g_rtmisInitialCfgDone;
 extern int32_t rtmChmRegRetryCnt, rtmQueueReadMax;
+// The daemon's loop holds the acks of route updates until the end of each burst of reads
+// (set by rtmTaskMain; tests that drive the loop themselves see an ack per message).
+extern bool rtmAckHolding;
 extern uint32_t rtmdebug;
 extern int rtmClkRate;
 

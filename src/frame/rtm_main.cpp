@@ -39,6 +39,7 @@ uint64_t rtmMainStart;
 uint32_t rtmIfmRegState, rtmChmRegState, rtmBrmRegState;
 uint32_t rtmCfgDnldInProg, g_rtmisInitialCfgDone;
 int32_t rtmChmRegRetryCnt = 5, rtmQueueReadMax = 150;
+bool rtmAckHolding = false;
 uint32_t rtmdebug;
 int rtmClkRate;
 QorThreadGroup rtmThreads = -1;
@@ -239,6 +240,11 @@ int rtmRecvFromAllQ(uint8_t *buffer, int wait) {
       } else {
         ++rtmreqqcnt;
         rtmCurMsgLen = static_cast<uint32_t>(n);
+        // Route updates arrive in bursts from one client: their acks are held and sent as one
+        // at the end of the burst (or every few messages). Any other message but an ack may
+        // lead to a wait on somebody, so what is held goes out before it.
+        const uint32_t mtype = ld32(buffer, IPC_OFF_MTYPE);
+        qorSwpAckHold(rtmAckHolding && (mtype == MT_RTM_UPD_ROUTE || mtype == MT_SWP_ACK));
         rtmMessageSwitch(buffer);
         status = 0;
       }
@@ -294,6 +300,7 @@ void rtmMainLoopPass(RtmLoopState &st) {
     st.wait = 0;
     return;
   }
+  qorSwpAckFlush();  // the burst has ended: before the workers' turn or a wait
   st.budget = rtmQueueReadMax;
   if (rtmCfgDnldInProg == 1) {
     st.wait = 1;
@@ -326,6 +333,7 @@ void rtmTaskMain(int argc, char **argv) {
   qorEvtRegisterSvce(rtmevkey, 1);
   rtmThreads = qorThreadInit(&rtmThreadMain, rtmevkey);
   if (rtmTaskInit(pkey) != 0) exit(1);
+  rtmAckHolding = true;
   qorEventLog(rtmevkey, 17, "RTM Task is Ready");
   g_rxBuffer = rtmGetIpcBuffer();
   if (!g_rxBuffer) {

@@ -208,6 +208,62 @@ TEST_F(SwpTest, ReceiverCheckAcksInOrderRepeatsAndGaps) {
   }
 }
 
+// Held acks: what reaches the sender after each step, as (queue, sequence, kind) in order.
+TEST_F(SwpTest, HeldAcksGoOutLatestPerQueueAndAheadOfAnyOtherAck) {
+  auto msg = ipctest::makeMsg(80, 0, kPeerSvce, 0, 0);
+  ipctest::setSource(msg, sender);
+  struct Ack {
+    uint32_t queue, seq, kind;
+    bool operator==(const Ack &) const = default;
+  };
+  enum Op { kMsg, kFlush, kHoldOff };
+  struct Step {
+    Op op;
+    uint32_t queue, seq;
+    std::vector<Ack> out;
+  };
+  const uint32_t in = QOR_SWP_ACK_INORDER, rep = QOR_SWP_ACK_REPEAT, gap = QOR_SWP_ACK_GAP;
+  const std::vector<Step> steps = {
+      {kMsg, 1, 1, {}},  // kept
+      {kMsg, 1, 2, {}},  // replaces the first
+      {kMsg, 2, 1, {}},  // another sender queue, kept beside it
+      {kFlush, 0, 0, {{1, 2, in}, {2, 1, in}}},
+      {kFlush, 0, 0, {}},
+      {kMsg, 1, 3, {}},
+      {kMsg, 1, 3, {{1, 3, in}, {1, 3, rep}}},  // a repeat: the kept ack goes first
+      {kMsg, 2, 5, {{2, 1, gap}}},              // a gap: nothing kept for queue 2, sent at once
+      {kMsg, 1, 4, {}}, {kMsg, 1, 5, {}}, {kMsg, 1, 6, {}}, {kMsg, 1, 7, {}}, {kMsg, 1, 8, {}},
+      {kMsg, 1, 9, {}}, {kMsg, 1, 10, {}},
+      {kMsg, 1, 11, {{1, 11, in}}},  // the eighth kept for the queue: out without a flush
+      {kMsg, 1, 12, {}},
+      {kHoldOff, 0, 0, {{1, 12, in}}},
+      {kMsg, 1, 13, {{1, 13, in}}},  // holding off: each ack at once
+  };
+  uint32_t expected[3] = {0, 0, 0};
+  qorSwpAckHold(true);
+  for (size_t i = 0; i < steps.size(); ++i) {
+    const Step &s = steps[i];
+    SCOPED_TRACE(testing::Message() << "step " << i);
+    if (s.op == kMsg) {
+      st32(msg.data(), SWP_OFF_QUEUE, s.queue);
+      st32(msg.data(), SWP_OFF_SEQ, s.seq);
+      qorSwpCkSeqAndAck(msg.data(), &expected[s.queue], peerQ);
+    } else if (s.op == kFlush) {
+      qorSwpAckFlush();
+    } else {
+      qorSwpAckHold(false);
+    }
+    std::vector<Ack> got;
+    uint8_t ack[256];
+    while (qorIpcRecv(senderQ, ack, sizeof ack, QOR_IPC_NOWAIT, 0, 0) > 0)
+      got.push_back({ld32(ack, SWP_OFF_QUEUE), ld32(ack, SWP_OFF_SEQ), ld32(ack, SWP_OFF_ACK_KIND)});
+    ASSERT_EQ(got.size(), s.out.size());
+    for (size_t k = 0; k < got.size(); ++k)
+      EXPECT_TRUE(got[k] == s.out[k]) << "ack " << k << ": queue " << got[k].queue << " seq " << got[k].seq
+                                      << " kind " << got[k].kind;
+  }
+}
+
 TEST_F(SwpTest, MessagesShorterThanTheSwpHeaderAreRefused) {
   auto msg = ipctest::makeMsg(80, MT_SWP_ACK, kPeerSvce, 0);
   st32(msg.data(), IPC_OFF_MLEN, 67);
