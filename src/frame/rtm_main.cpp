@@ -212,6 +212,7 @@ int rtmRecvFromAllQ(uint8_t *buffer, int wait) {
     if (n >= 0) {
       ++rtmtmrqcnt;
       rtmCurMsgLen = static_cast<uint32_t>(n);
+      if (rtmAckHolding) qorSwpAckHold(false);  // a timer's work may wait on somebody
       rtmMessageSwitch(buffer);
       status = 0;
     } else if (errno != EAGAIN) {
