@@ -61,9 +61,14 @@ bool nhIsPrefix(uint8_t af, const uint8_t *rtp, const uint8_t *nh) {
   return memcmp(nh, rtpPrefix(rtp, af), rtmAfAddrLen(af)) == 0;
 }
 
+// Each slot is emptied before its next hop goes: releasing a next hop may look up the route
+// that covers the next one's address, which can be this very entry, still in its head.
 void releaseNhs(uint8_t af, rt_nh **slots, unsigned n, uint32_t proto) {
   for (unsigned i = 0; i < n; ++i)
-    if (slots[i]) rtmNhDelete(af, slots[i], proto);
+    if (rt_nh *nh = slots[i]) {
+      slots[i] = nullptr;
+      rtmNhDelete(af, nh, proto);
+    }
 }
 
 void freeEntry(rt_entry *rte) { rtmVarMemFreeFromPool(rte); }
