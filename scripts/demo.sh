@@ -4,6 +4,7 @@
 # routes) and two FIB agents that take the download. Prints how long it took until both agents
 # held every route, the rate, rtmd's memory, then the same for the withdrawal.
 set -euo pipefail
+source "$(dirname "$0")/agent-wait.sh"
 bin=${1:?usage: demo.sh BUILD_DIR}
 routes=${DEMO_ROUTES:-1000000}
 [[ $routes =~ ^[1-9][0-9]*$ ]] || { echo "demo.sh: DEMO_ROUTES must be a positive number" >&2; exit 2; }
@@ -22,19 +23,12 @@ trap cleanup EXIT
 now() { date +%s.%N; }
 # The time an agent printed with "(at T)" on its line matching $2 in file $1.
 agentAt() { sed -n "/$2/s/.*(at \([0-9.]*\),.*/\1/p" "$1" | tail -1; }
-# Waits until every agent's output has a line matching $1 (or an agent ended without one).
+# Waits until every agent's output has a line matching $1 (the agents end by themselves after
+# their --timeout, and an agent that ended without the line is an error).
 waitAgents() {
-  local what=$1 limit=$2 start=$SECONDS
-  while :; do
-    local done=1
-    for i in 0 1; do
-      grep -q "$what" "$run/fib$i.out" 2>/dev/null && continue
-      kill -0 "${fib[$i]}" 2>/dev/null || { echo "demo.sh: agent $i ended early:" >&2; cat "$run/fib$i.out" >&2; exit 1; }
-      done=0
-    done
-    [ $done = 1 ] && return 0
-    (( SECONDS - start > limit )) && { echo "demo.sh: the agents did not get there in $limit s" >&2; exit 1; }
-    sleep 0.05
+  for i in 0 1; do
+    waitLine "$run/fib$i.out" "${fib[$i]}" "$1" ||
+      { echo "demo.sh: agent $i ended early:" >&2; cat "$run/fib$i.out" >&2; exit 1; }
   done
 }
 figures() {  # what, t0, later agent time
@@ -58,14 +52,14 @@ for i in 0 1; do
   "$bin/tools/rtm-fib/rtm-fib" --run-dir "$run" --slot $i --expect "$routes" --expect-empty-after \
     --timeout 900 "${dump[@]}" >"$run/fib$i.out" 2>&1 & fib+=($!); pids+=($!)
 done
-waitAgents "registered as" 20
+waitAgents "registered as"
 cat "$run/fib0.out" "$run/fib1.out"
 rss0=$(awk '/^VmRSS:/ { print $2 }' "/proc/$rtmd/status")
 
 echo "== rtm-feed: $routes generated IPv4 routes from BGP"
 t0=$(now)
 "$bin/tools/rtm-feed/rtm-feed" --run-dir "$run" --proto bgp --inst 1 --generate "$routes" --nexthops 1
-waitAgents "holds" 900
+waitAgents "holds"
 grep -h "holds" "$run/fib0.out" "$run/fib1.out"
 figures "download" "$t0" "$(later "$(agentAt "$run/fib0.out" holds)" "$(agentAt "$run/fib1.out" holds)")"
 rss1=$(awk '/^VmRSS:/ { print $2 }' "/proc/$rtmd/status")
@@ -77,7 +71,7 @@ head -5 "$run/fib0.table" 2>/dev/null || true
 echo "== rtm-feed: withdrawing them"
 t0=$(now)
 "$bin/tools/rtm-feed/rtm-feed" --run-dir "$run" --proto bgp --inst 1 --generate "$routes" --nexthops 1 --withdraw --quiet
-waitAgents "withdrawn" 900
+waitAgents "withdrawn"
 grep -h "withdrawn" "$run/fib0.out" "$run/fib1.out"
 figures "withdrawal" "$t0" "$(later "$(agentAt "$run/fib0.out" withdrawn)" "$(agentAt "$run/fib1.out" withdrawn)")"
 echo "== rtmd memory: $(awk '/^VmRSS:/ { print $2 }' "/proc/$rtmd/status") kB resident"

@@ -16,6 +16,7 @@
 #
 # Use a release build: scripts/build.sh release, then bench/e2e/e2e.sh build/release.
 set -euo pipefail
+source "$(dirname "$0")/../../scripts/agent-wait.sh"
 bin=${1:?usage: e2e.sh BUILD_DIR [ROUTES] [--agents N] [rtm-feed options...]}
 shift
 routes=1000000
@@ -79,13 +80,8 @@ sleep 0.2
 waitAgents() {
   local latest=0
   for (( i = 0; i < agents; i++ )); do
-    while ! grep -q "$1" "$run/fib$i.out"; do
-      # Looked at again once the agent is gone: it may have printed the line and left between
-      # the two looks.
-      kill -0 "${fib[$i]}" 2>/dev/null || grep -q "$1" "$run/fib$i.out" ||
-        { echo "e2e.sh: agent $i ended:" >&2; cat "$run/fib$i.out" >&2; exit 1; }
-      sleep 0.02
-    done
+    waitLine "$run/fib$i.out" "${fib[$i]}" "$1" ||
+      { echo "e2e.sh: agent $i ended:" >&2; cat "$run/fib$i.out" >&2; exit 1; }
     local t; t=$(sed -n "/$1/s/.*(at \([0-9.]*\),.*/\1/p" "$run/fib$i.out" | tail -1)
     latest=$(awk -v a="$latest" -v b="$t" 'BEGIN { print (b > a ? b : a) }')
   done
