@@ -39,7 +39,7 @@ ifm_bin=$bin/tools/rtm-ifm/rtm-ifm
 for b in "$rtmd_bin" "$feed_bin" "$fib_bin" "$ifm_bin"; do
   [ -x "$b" ] || { echo "e2e.sh: $b is not built" >&2; exit 2; }
 done
-if grep -q 'CMAKE_BUILD_TYPE:STRING=Debug' "$bin/CMakeCache.txt" 2>/dev/null; then
+if grep -q "CMAKE_BUILD_TYPE:STRING=Debug" "$bin/CMakeCache.txt" 2>/dev/null; then
   echo "e2e.sh: warning: $bin is a Debug build; figures will not be representative" >&2
 fi
 

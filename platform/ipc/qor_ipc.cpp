@@ -7,11 +7,19 @@
 // holds into the reserve (bounded by the receive limit) so a burst from many senders waits
 // here instead of stalling them on the kernel's short datagram queue.
 //
+// Sends to a queue's peers go through sockets connected to each peer, made on the first send
+// and kept: a datagram with an address makes the kernel walk the peer's path on every send,
+// which was a fifth of a send's cost, and a peer that stops reading then fills only its own
+// socket's send buffer instead of the one every other peer's datagrams share. A connected
+// socket whose peer went away fails once; the send is then made with the address, as it would
+// have been, so a peer that came back at the same path is found again.
+//
 // Locking: one registry mutex maps handles to queues (shared_ptr, so a queue closed by one
 // thread stays valid for another thread's call in flight); each queue has its own mutex
 // for its reserve and counters. No lock is held while waiting or while a timer callback runs.
 #include "ipc/qor_ipc.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -46,6 +54,19 @@ struct Datagram {
   size_t fullLen;
 };
 
+struct PeerSock {
+  PeerSock(uint32_t id, int s) : queueId(id), fd(s) {}
+  PeerSock(const PeerSock &) = delete;  // the socket has one owner, which closes it
+  PeerSock &operator=(const PeerSock &) = delete;
+  ~PeerSock() { close(fd); }
+  const uint32_t queueId;
+  const int fd;
+};
+using PeerP = std::shared_ptr<PeerSock>;
+// Connected sockets a queue keeps; past this the oldest is closed (a sender in flight on it
+// holds its own reference).
+constexpr size_t kMaxPeers = 64;
+
 struct Queue {
   std::mutex mu;
   int handle = 0;
@@ -64,6 +85,7 @@ struct Queue {
   std::vector<std::vector<uint8_t>> spare;  // buffers of consumed messages, for reuse
   bool evRaised = false;
   QorIpcStats stats;
+  std::vector<PeerP> peers;  // connected to the queues they name; made with sock's send settings
 
   ~Queue() {
     if (ep >= 0) close(ep);
@@ -246,6 +268,46 @@ int takeFront(Queue &q, void *buf, uint32_t size) {
   return static_cast<int>(d.fullLen);
 }
 
+PeerP findPeer(Queue &q, uint32_t qid) {
+  std::lock_guard<std::mutex> lk(q.mu);
+  for (const PeerP &p : q.peers)
+    if (p->queueId == qid) return p;
+  return nullptr;
+}
+
+// A socket connected to queue qid at sa, kept for the next sends. Null when none can be made
+// (no peer bound there): the caller sends with the address instead, which gives the error the
+// peer's absence deserves.
+PeerP connectPeer(Queue &q, uint32_t qid, const sockaddr_un &sa) {
+  const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return nullptr;
+  auto p = std::make_shared<PeerSock>(qid, fd);
+  std::lock_guard<std::mutex> lk(q.mu);
+  // The queue's own socket's limits: the largest datagram, and how long a send waits.
+  int sndbuf = 0;
+  socklen_t sl = sizeof sndbuf;
+  if (getsockopt(q.sock, SOL_SOCKET, SO_SNDBUF, &sndbuf, &sl) == 0) {
+    sndbuf /= 2;  // the kernel reports twice what was asked for
+    setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &sndbuf, sizeof sndbuf);
+  }
+  timeval tv{q.sendWaitMs / 1000, (q.sendWaitMs % 1000) * 1000};
+  setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
+  if (connect(fd, reinterpret_cast<const sockaddr *>(&sa), sizeof sa) != 0) return nullptr;
+  if (q.peers.size() >= kMaxPeers) q.peers.erase(q.peers.begin());
+  q.peers.push_back(p);
+  return p;
+}
+
+void forgetPeer(Queue &q, const PeerP &p) {
+  std::lock_guard<std::mutex> lk(q.mu);
+  auto it = std::find(q.peers.begin(), q.peers.end(), p);
+  if (it != q.peers.end()) q.peers.erase(it);
+}
+
+// Errors that say something of the message or of the peer's load, not that the connection is
+// stale: a send with the address would meet them too.
+bool peerStillGood(int e) { return e == EAGAIN || e == EWOULDBLOCK || e == EMSGSIZE || e == ENOBUFS || e == EINTR; }
+
 // Sends a header and a body as one datagram to the target the header names.
 int sendParts(Queue &q, const uint8_t *hdr, const uint8_t *body, size_t bodyLen, bool wait) {
   size_t len = IPC_HDR_LEN + bodyLen;
@@ -258,22 +320,44 @@ int sendParts(Queue &q, const uint8_t *hdr, const uint8_t *body, size_t bodyLen,
   if (len > q.sendLimit) return fail(EMSGSIZE);
   uint32_t card = rtm::ld32(hdr, IPC_OFF_TGT_CARD), qid = rtm::ld32(hdr, IPC_OFF_TGT_SVCE);
   if (card != QOR_IPC_LOCAL_CARD) return fail(EHOSTUNREACH);
-  char path[sizeof(sockaddr_un{}.sun_path)];
-  sockaddr_un sa;
-  if (!qorIpcQueuePath(card, qid, path, sizeof path)) return fail(EINVAL);
-  if (!fillAddr(sa, path)) return fail(ENAMETOOLONG);
   iovec iov[2] = {{const_cast<uint8_t *>(hdr), IPC_HDR_LEN},
                   {const_cast<uint8_t *>(body), bodyLen}};
   msghdr m{};
-  m.msg_name = &sa;
-  m.msg_namelen = sizeof sa;
   m.msg_iov = iov;
   m.msg_iovlen = bodyLen ? 2 : 1;
-  int flags = MSG_NOSIGNAL | ((wait && q.sendWaitMs > 0) ? 0 : MSG_DONTWAIT);
-  ssize_t n;
-  do {
-    n = sendmsg(q.sock, &m, flags);
-  } while (n < 0 && errno == EINTR);
+  const int flags = MSG_NOSIGNAL | ((wait && q.sendWaitMs > 0) ? 0 : MSG_DONTWAIT);
+  auto sendOn = [&m, flags](int fd) {
+    ssize_t n;
+    do {
+      n = sendmsg(fd, &m, flags);
+    } while (n < 0 && errno == EINTR);
+    return n;
+  };
+  // A send on a peer's socket that fails for a stale connection forgets it and says so.
+  auto sendToPeer = [&](const PeerP &p, ssize_t *n) {
+    *n = sendOn(p->fd);
+    if (*n >= 0 || peerStillGood(errno)) return true;
+    const int e = errno;
+    forgetPeer(q, p);
+    errno = e;
+    return false;
+  };
+  ssize_t n = -1;
+  PeerP peer = findPeer(q, qid);
+  // A kept socket whose peer went away: connected anew below, to whoever holds the path now.
+  if (!peer || !sendToPeer(peer, &n)) {
+    char path[sizeof(sockaddr_un{}.sun_path)];
+    sockaddr_un sa;
+    if (!qorIpcQueuePath(card, qid, path, sizeof path)) return fail(EINVAL);
+    if (!fillAddr(sa, path)) return fail(ENAMETOOLONG);
+    if (PeerP fresh = connectPeer(q, qid, sa)) {
+      sendToPeer(fresh, &n);
+    } else {
+      m.msg_name = &sa;
+      m.msg_namelen = sizeof sa;
+      n = sendOn(q.sock);
+    }
+  }
   if (n < 0) {
     int e = errno;
     if (e == EWOULDBLOCK) e = EAGAIN;
@@ -461,6 +545,7 @@ int qorIpcSetSendBufferLimit(int queue, uint32_t bytes) {
   if (static_cast<uint64_t>(cur) < 2ull * bytes) {
     int want = static_cast<int>(std::min<uint64_t>(2ull * bytes, 1u << 30));
     setsockopt(q->sock, SOL_SOCKET, SO_SNDBUF, &want, sizeof want);
+    q->peers.clear();  // made again, with the new buffer, on their next send
   }
   return 0;
 }
@@ -487,6 +572,7 @@ int qorIpcSetSendWait(int queue, int ms) {
   std::lock_guard<std::mutex> lk(q->mu);
   q->sendWaitMs = ms;
   setSendWait(*q);
+  q->peers.clear();  // made again, with the new wait, on their next send
   return 0;
 }
 
