@@ -204,6 +204,10 @@ void syncEvent(Queue &q) {
 // Datagrams one system call takes from the kernel. The kernel queues only a handful per
 // socket, so a larger batch would seldom fill.
 constexpr unsigned kRecvBatch = 16;
+// A receive looks in the kernel again only when the reserve holds fewer messages than this:
+// asking on every receive cost a system call per message, most of them finding one datagram
+// or none, while a few in hand still leave the kernel's queue room for the senders.
+constexpr size_t kRefillBelow = 4;
 // Spare buffers a queue keeps for the reserve, so a steady stream does not allocate.
 constexpr size_t kSpareBuffers = 32;
 
@@ -596,7 +600,7 @@ int qorIpcRecv(int queue, void *buf, uint32_t size, int mode, int timeoutMs, int
   int n;
   for (;;) {
     std::unique_lock<std::mutex> lk(q->mu);
-    drain(*q);
+    if (q->reserve.size() < kRefillBelow) drain(*q);
     if (!q->reserve.empty()) {
       n = takeFront(*q, buf, size);
       break;
