@@ -61,10 +61,6 @@ class Clearing : public RibTest {
     ASSERT_EQ(add(kPos, u), RTM_SUCCESS);
   }
   static uint64_t ver(rt_head *h) { return h ? rtmh_version(h) : 0; }
-  static uint64_t inUse(uint32_t pool) {
-    QorMemPoolStats s;
-    return qorMemPoolStatsGet(pool, &s) == 0 ? s.inUse : 0;
-  }
   static uint64_t varInUse() {
     QorMemVarStats s;
     return qorMemVarStatsGet(RTM_MEM_VAR_PART, &s) == 0 ? s.inUse : 0;
