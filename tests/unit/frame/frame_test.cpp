@@ -47,6 +47,13 @@ class Frame : public rtmtest::RtmdTest {
     return b;
   }
 
+  // A second of the test's clock, and a pass of the loop at its end.
+  void nextSecond() {
+    qorClockAdvance(static_cast<uint64_t>(sysClkRateGet()));
+    st.wait = 0;  // no real sleep in select: the clock is the test's
+    rtmMainLoopPass(st);
+  }
+
   RtmLoopState st;
   int peer = -1;
 };
@@ -183,21 +190,23 @@ TEST_F(Frame, UnansweredRegistrationsAreRetriedOnceASecondAndBrmAlways) {
   st.wait = 0;
   rtmMainLoopPass(st);
   EXPECT_EQ(rtmLoopStats.regRetries, 0u);  // not a whole second yet
-  for (int s = 1; s <= 3; ++s) {
-    qorClockAdvance(static_cast<uint64_t>(sysClkRateGet()));
-    st.wait = 0;  // no real sleep in select: the clock is the test's
-    rtmMainLoopPass(st);
-  }
+  for (int s = 1; s <= 3; ++s) nextSecond();
   EXPECT_EQ(rtmLoopStats.regRetries, 3u);
   rtmIfmRegState = 1;
-  for (int s = 1; s <= 2; ++s) {
-    qorClockAdvance(static_cast<uint64_t>(sysClkRateGet()));
-    st.wait = 0;
-    rtmMainLoopPass(st);
-  }
+  for (int s = 1; s <= 2; ++s) nextSecond();
   EXPECT_EQ(rtmLoopStats.regRetries, 3u);
   // The platform shim's registration is never confirmed, so it is called every second.
   EXPECT_EQ(rtmLoopStats.brmCalls - brm, 5u);
+}
+
+TEST_F(Frame, ChassisRegistrationThatFailedIsRetriedUntilItSucceeds) {
+  rtmChmRegState = 0;
+  qorChassisModel().chmRegisterFailures = 4;  // one attempt a second: the fifth succeeds
+  int calls = qorChassisModel().chmRegisterCalls;
+  for (int s = 1; s <= 8 && rtmChmRegState == 0; ++s) nextSecond();
+  EXPECT_EQ(rtmChmRegState, 1u);
+  EXPECT_EQ(qorChassisModel().chmRegisterCalls - calls, 5);
+  qorChassisReset();
 }
 
 // ---- RIB table sets and versions ---------------------------------------------------------
@@ -311,21 +320,5 @@ TEST_F(Frame, TicPipeDropsWakeUpsWhenNearlyFullAndReopensAnExistingPipe) {
   EXPECT_EQ(waiting, 88);
   close(fd);
   close(again);
-}
-}  // namespace
-
-namespace {
-TEST_F(Frame, ChassisRegistrationThatFailedIsRetriedUntilItSucceeds) {
-  rtmChmRegState = 0;
-  qorChassisModel().chmRegisterFailures = 4;  // one attempt a second: the fifth succeeds
-  int calls = qorChassisModel().chmRegisterCalls;
-  for (int s = 1; s <= 8 && rtmChmRegState == 0; ++s) {
-    qorClockAdvance(static_cast<uint64_t>(sysClkRateGet()));
-    st.wait = 0;
-    rtmMainLoopPass(st);
-  }
-  EXPECT_EQ(rtmChmRegState, 1u);
-  EXPECT_EQ(qorChassisModel().chmRegisterCalls - calls, 5);
-  qorChassisReset();
 }
 }  // namespace
