@@ -159,6 +159,7 @@ TEST_F(Clearing, ClearRibEmptiesTheTreesAndGivesEverythingBack) {
     Route gone = rip(f, f.p[3]);
     ASSERT_EQ(add(kRip, gone), RTM_SUCCESS);
     ASSERT_EQ(del(kRip, gone), RTM_SUCCESS);  // a tombstone
+    EXPECT_EQ(refs(f.nh2, 6, 0, f.af), 1) << "the delete gave its reference back";
     // One head of the main tree, with its entries and their references.
     rtmClearRibRouteSpecific(f.af, 0, rtmh_prefix(head(f.p[0], f.plen, f.af)), uint8_t(f.plen));
     EXPECT_EQ(head(f.p[0], f.plen, f.af), nullptr);
