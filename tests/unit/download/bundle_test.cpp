@@ -147,7 +147,7 @@ TEST_F(Bundles, MarksAndCapacity) {
       snprintf(p, sizeof p, c.af == 0 ? "10.100.%u.0" : "2001:db8:100:%x::", i);
       Route r = route(p, c.af == 0 ? 24 : 64);
       ASSERT_EQ(add(kOspf, r), RTM_SUCCESS);
-      ASSERT_EQ(bundle(c.af, RT_ADD, &buf, head(c.af, p, c.af == 0 ? 24 : 64), RTM_BUNDLE_APPEND), 0);
+      ASSERT_EQ(bundle(c.af, RT_ADD, &buf, head(p, c.af == 0 ? 24 : 64, c.af), RTM_BUNDLE_APPEND), 0);
     }
     const char *lp = c.af == 0 ? "10.200.0.0" : "2001:db8:200::";
     const unsigned ll = c.af == 0 ? 16 : 48;
@@ -157,7 +157,7 @@ TEST_F(Bundles, MarksAndCapacity) {
     if (c.lastTlv) last.tlv(std::string(c.lastTlv, 'x'));
     ASSERT_EQ(add(kOspf, last), RTM_SUCCESS);
     const uint32_t adds = ld32(buf, 132);
-    EXPECT_EQ(bundle(c.af, RT_ADD, &buf, head(c.af, lp, ll), RTM_BUNDLE_APPEND), c.result);
+    EXPECT_EQ(bundle(c.af, RT_ADD, &buf, head(lp, ll, c.af), RTM_BUNDLE_APPEND), c.result);
     std::vector<Msg> got = ofType(received(*a.peer), c.af == 0 ? MT_RTM_FIB_ROUTE : MT_RTM6_FIB_ROUTE);
     EXPECT_EQ(got.size(), c.sent ? 1u : 0u);
     EXPECT_EQ(buf == nullptr, c.sent);
@@ -187,7 +187,7 @@ TEST_F(Bundles, FlushesAndRefusals) {
   Route r = route("10.1.0.0", 16);
   ASSERT_EQ(add(kOspf, r), RTM_SUCCESS);
   ASSERT_EQ(del(kOspf, r), RTM_SUCCESS);
-  rt_head *gone = head(0, "10.1.0.0", 16);
+  rt_head *gone = head("10.1.0.0", 16);
   struct Case {
     const char *name;
     uint32_t op;

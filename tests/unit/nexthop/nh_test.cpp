@@ -1,15 +1,13 @@
 // The next-hop database inside a running rtmd: references, the requests the ARP and NDP
 // managers receive on their queues, bundles and their FIFO as FIB agents receive them, replay
 // to a new agent, and every allocation failure on the way.
-#include "tests/unit/clients/rtmd_fixture.h"
+#include "tests/unit/rib/rib_test_util.h"
 
 #include <map>
 #include <random>
 #include <set>
 #include <tuple>
 
-#include "frame/rtm_mem.h"
-#include "nexthop/rtm_nh.h"
 
 using rtm::ld32;
 using rtm::st32;
@@ -34,10 +32,10 @@ Addr v6(uint8_t last) {
   return a;
 }
 
-class NextHops : public rtmtest::RtmdTest {
+class NextHops : public ribtest::RibTest {
  protected:
   void SetUp() override {
-    RtmdTest::SetUp();
+    RibTest::SetUp();
     g_ifTypes.clear();
     g_connectedIfindex = 0;
     rtmNhHooks.ifmIfIndexToIfType = [](uint32_t ifindex) { return g_ifTypes.count(ifindex) ? g_ifTypes[ifindex] : 0u; };
@@ -51,10 +49,13 @@ class NextHops : public rtmtest::RtmdTest {
     received(p);
   }
 
-  static uint64_t inUse(uint32_t pool) {
-    QorMemPoolStats s;
-    qorMemPoolStatsGet(pool, &s);
-    return s.inUse;
+  // An OSPF reference on a next hop that must be had.
+  static rt_nh *take(uint32_t vrf, uint8_t af, uint32_t ifindex, const Addr &a, uint32_t flags = 0) {
+    int err = -1;
+    rt_nh *n = rtmNhAdd(vrf, af, ifindex, a.b, &err, RTM_PROTO_OSPF, flags);
+    EXPECT_NE(n, nullptr);
+    EXPECT_EQ(err, 0);
+    return n;
   }
 
   // The records of next-hop bundles as (op, vrf, address word, ifindex).
@@ -94,13 +95,8 @@ TEST_F(NextHops, OneRecordPerNextHopCountedByReferenceWithOneRequestEachWay) {
     SCOPED_TRACE(int(c.af));
     unsigned len = rtmAfAddrLen(c.af);
     int err = -1;
-    rt_nh *a = rtmNhAdd(0, c.af, 5, c.addr.b, &err, RTM_PROTO_OSPF, 0);
-    ASSERT_NE(a, nullptr);
-    EXPECT_EQ(err, 0);
-    rt_nh *b = rtmNhAdd(0, c.af, 5, c.addr.b, &err, RTM_PROTO_BGP, 0);
-    EXPECT_EQ(b, a);
-    EXPECT_EQ(a->rtn_refcnt, 2);
-    EXPECT_EQ(rtmNhFind(0, c.af, 5, c.addr.b), a);
+    rt_nh *a = take(0, c.af, 5, c.addr);
+    EXPECT_EQ(rtmNhAdd(0, c.af, 5, c.addr.b, &err, RTM_PROTO_BGP, 0), a);
     EXPECT_EQ(rtmNhFind(0, c.af, 6, c.addr.b), nullptr);  // the interface is part of the key
     std::vector<Msg> reqs = ofType(received(*c.mgr), c.type);
     ASSERT_EQ(reqs.size(), 1u);
@@ -189,10 +185,7 @@ TEST_F(NextHops, BundlesCloseAtTheirSizeAndReachEveryAgentOnceInOrder) {
   ASSERT_EQ(perBundle, 329u);
   std::vector<rt_nh *> held;
   for (uint32_t i = 0; i < perBundle + 3; ++i) {
-    Addr x = v4(10, 2, uint8_t(i >> 8), uint8_t(i));
-    int err = 0;
-    held.push_back(rtmNhAdd(0, 0, 100 + i, x.b, &err, RTM_PROTO_OSPF, i == 0 ? RTP_FLAG_LOOPBACK : 0));
-    ASSERT_NE(held.back(), nullptr);
+    held.push_back(take(0, 0, 100 + i, v4(10, 2, uint8_t(i >> 8), uint8_t(i)), i == 0 ? RTP_FLAG_LOOPBACK : 0));
     if (i == perBundle - 2) {
       EXPECT_NE(pNhBundle[0], nullptr);  // 8004 bytes: still open
     }
@@ -224,9 +217,7 @@ TEST_F(NextHops, BundlesCloseAtTheirSizeAndReachEveryAgentOnceInOrder) {
 }
 
 TEST_F(NextHops, FifoWithoutTakersClearsAndNeverForTheMulticastFamily) {
-  int err;
-  Addr x = v4(10, 3, 0, 1);
-  ASSERT_NE(rtmNhAdd(0, 0, 1, x.b, &err, RTM_PROTO_OSPF, 0), nullptr);
+  take(0, 0, 1, v4(10, 3, 0, 1));
   rtmNhDownloadFromFifo(IPV4MUL_AFINDEX, 0);
   EXPECT_EQ(qorDLLCount(&nhBundleFifo[0]), 1u);
   // No download client: the bundle has nobody to go to and is dropped.
@@ -234,10 +225,9 @@ TEST_F(NextHops, FifoWithoutTakersClearsAndNeverForTheMulticastFamily) {
   EXPECT_EQ(qorDLLCount(&nhBundleFifo[0]), 0u);
   EXPECT_EQ(inUse(RTM_SWP_NH_DNLD_POOL), 0u);
   // While the routes of the VRF are being cleared nothing is bundled, and what waits goes.
-  Addr y = v4(10, 3, 0, 2), z = v4(10, 3, 0, 3);
-  ASSERT_NE(rtmNhAdd(0, 0, 1, y.b, &err, RTM_PROTO_OSPF, 0), nullptr);
+  take(0, 0, 1, v4(10, 3, 0, 2));
   rtmNhClearIpRouteInProgress[0] = 1;
-  ASSERT_NE(rtmNhAdd(0, 0, 1, z.b, &err, RTM_PROTO_OSPF, 0), nullptr);
+  take(0, 0, 1, v4(10, 3, 0, 3));
   EXPECT_EQ(openCount(0), 1u);
   Peer &a = open(913);
   ASSERT_EQ(reg(a, {RTM_PROTO_FIB}), RTM_REG_OK);
@@ -254,9 +244,7 @@ TEST_F(NextHops, AShortageInADrainLeavesTheBundleWholeForTheNextRound) {
   ASSERT_EQ(reg(a, {RTM_PROTO_FIB, 0}), RTM_REG_OK);
   ASSERT_EQ(reg(b, {RTM_PROTO_FIB, 1}), RTM_REG_OK);
   received(a), received(b);
-  int err;
-  Addr x = v4(10, 4, 0, 1);
-  ASSERT_NE(rtmNhAdd(0, 0, 1, x.b, &err, RTM_PROTO_OSPF, 0), nullptr);
+  take(0, 0, 1, v4(10, 4, 0, 1));
   for (uint32_t failAt : {0u, 1u}) {
     SCOPED_TRACE(failAt);
     qorLogClearRecent();
@@ -298,8 +286,7 @@ TEST_F(NextHops, AnAddThatCannotBeCompletedLeavesNoRecord) {
     EXPECT_EQ(rtmNhFind(0, 0, 3, x.b), nullptr);
     EXPECT_EQ(inUse(RTM_NH_POOL), 0u);
     EXPECT_EQ(inUse(RTM_SWP_NH_DNLD_POOL), 0u);
-    rt_nh *n = rtmNhAdd(0, 0, 3, x.b, &err, RTM_PROTO_OSPF, 0);
-    ASSERT_NE(n, nullptr);
+    take(0, 0, 3, x);
     rtmNhDeleteAll(0, 0);
   }
   // A family or VRF without a table is a plain failure.
@@ -313,17 +300,12 @@ TEST_F(NextHops, AnAddThatCannotBeCompletedLeavesNoRecord) {
 
 TEST_F(NextHops, ANewAgentIsGivenTheWholeDatabase) {
   g_ifTypes = {{21, RTM_IFTYPE_NULL}, {19, RTM_IFTYPE_ALWAYS_UP}};
-  int err;
   const uint32_t n4 = 400;
-  for (uint32_t i = 0; i < n4; ++i) {
-    Addr x = v4(10, 6, uint8_t(i >> 8), uint8_t(i));
-    ASSERT_NE(rtmNhAdd(0, 0, 1, x.b, &err, RTM_PROTO_OSPF, 0), nullptr);
-  }
-  Addr zero;
-  ASSERT_NE(rtmNhAdd(0, 0, 21, zero.b, &err, RTM_PROTO_OSPF, 0), nullptr);  // a discard route: not replayed
-  Addr a6 = v6(9), b6 = v6(10);
-  ASSERT_NE(rtmNhAdd(0, 2, 0x01020304, a6.b, &err, RTM_PROTO_OSPF, 0), nullptr);
-  ASSERT_NE(rtmNhAdd(0, 2, 19, b6.b, &err, RTM_PROTO_OSPF, 0), nullptr);  // always-up IPv6: not replayed
+  for (uint32_t i = 0; i < n4; ++i) take(0, 0, 1, v4(10, 6, uint8_t(i >> 8), uint8_t(i)));
+  take(0, 0, 21, Addr{});  // a discard route: not replayed
+  const Addr a6 = v6(9);
+  take(0, 2, 0x01020304, a6);
+  take(0, 2, 19, v6(10));  // always-up IPv6: not replayed
   rtmNhDownloadFromFifo(0, 0);  // with nobody to take them the waiting bundles go: only the replay remains
   Peer &agent = open(940);
   ASSERT_EQ(reg(agent, {RTM_PROTO_FIB, 0, 0}), RTM_REG_OK);

@@ -61,10 +61,6 @@ class Clearing : public RibTest {
     ASSERT_EQ(add(kPos, u), RTM_SUCCESS);
   }
   static uint64_t ver(rt_head *h) { return h ? rtmh_version(h) : 0; }
-  static uint64_t inUse(uint32_t pool) {
-    QorMemPoolStats s;
-    return qorMemPoolStatsGet(pool, &s) == 0 ? s.inUse : 0;
-  }
   static uint64_t varInUse() {
     QorMemVarStats s;
     return qorMemVarStatsGet(RTM_MEM_VAR_PART, &s) == 0 ? s.inUse : 0;
@@ -163,6 +159,7 @@ TEST_F(Clearing, ClearRibEmptiesTheTreesAndGivesEverythingBack) {
     Route gone = rip(f, f.p[3]);
     ASSERT_EQ(add(kRip, gone), RTM_SUCCESS);
     ASSERT_EQ(del(kRip, gone), RTM_SUCCESS);  // a tombstone
+    EXPECT_EQ(refs(f.nh2, 6, 0, f.af), 1) << "the delete gave its reference back";
     // One head of the main tree, with its entries and their references.
     rtmClearRibRouteSpecific(f.af, 0, rtmh_prefix(head(f.p[0], f.plen, f.af)), uint8_t(f.plen));
     EXPECT_EQ(head(f.p[0], f.plen, f.af), nullptr);

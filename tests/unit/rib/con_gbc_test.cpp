@@ -13,7 +13,7 @@ class ConGbc : public RibTest {
   void SetUp() override {
     RibTest::SetUp();
     for (uint8_t af : {RTM_IPV4UNI_AFINDEX, RTM_IPV6UNI_AFINDEX})
-      for (auto [cid, proto] : std::initializer_list<std::pair<uint32_t, uint32_t>>{{kOspf, RTM_PROTO_OSPF}, {kIsis, RTM_PROTO_ISIS}, {kRip, RTM_PROTO_RIP},
+      for (auto [cid, proto] : {std::pair{kOspf, RTM_PROTO_OSPF}, {kIsis, RTM_PROTO_ISIS}, {kRip, RTM_PROTO_RIP},
                                 {kStatic, RTM_PROTO_STATIC}, {kBgp, RTM_PROTO_BGP}, {kPos, RTM_PROTO_POS},
                                 {kConn, RTM_PROTO_CONNECTED}, {kVrrp, RTM_PROTO_VRRP}})
         client(cid, proto, af);

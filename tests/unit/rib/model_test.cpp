@@ -55,6 +55,11 @@ std::tuple<uint16_t, int, uint32_t, uint32_t, uint32_t> rank(const ModelRoute &r
   return {r.pref, group, r.proto, r.subtype, r.cid};
 }
 
+std::vector<ModelRoute> sorted(std::vector<ModelRoute> v) {
+  std::sort(v.begin(), v.end(), [](auto &a, auto &b) { return rank(a) < rank(b); });
+  return v;
+}
+
 std::string nhText(int i) { return "172.16.0." + std::to_string(i + 1); }
 std::string prefixText(int p) { return "10." + std::to_string(p / 200) + "." + std::to_string(p % 200) + ".0"; }
 
@@ -74,8 +79,7 @@ class Model : public RibTest {
 
   void check(int p, uint64_t versionBefore, const ModelRoute *activeBefore, bool activeReplaced) {
     SCOPED_TRACE("prefix " + prefixText(p));
-    std::vector<ModelRoute> want = model[p];
-    std::sort(want.begin(), want.end(), [](auto &a, auto &b) { return rank(a) < rank(b); });
+    const std::vector<ModelRoute> want = sorted(model[p]);
     rt_head *h = head(prefixText(p).c_str(), 24);
     std::vector<rt_entry *> got = entries(h);
     ASSERT_EQ(got.size(), want.size());
@@ -100,11 +104,10 @@ class Model : public RibTest {
     std::map<uint32_t, std::pair<uint32_t, uint32_t>> counts;  // cid -> active, inactive
     std::vector<int> nhRefs(kNextHops, 0);
     for (auto &[p, routes] : model) {
-      std::vector<ModelRoute> sorted = routes;
-      std::sort(sorted.begin(), sorted.end(), [](auto &a, auto &b) { return rank(a) < rank(b); });
-      for (size_t i = 0; i < sorted.size(); ++i) {
-        (i == 0 ? counts[sorted[i].cid].first : counts[sorted[i].cid].second)++;
-        for (int n : sorted[i].nhs) nhRefs[n]++;
+      const std::vector<ModelRoute> order = sorted(routes);
+      for (size_t i = 0; i < order.size(); ++i) {
+        (i == 0 ? counts[order[i].cid].first : counts[order[i].cid].second)++;
+        for (int n : order[i].nhs) nhRefs[n]++;
       }
     }
     for (const ClientDef &c : kClients) {
@@ -129,10 +132,8 @@ TEST_F(Model, RandomAddsReplacesAndDeletesMatchTheModel) {
       auto mine = std::find_if(routes.begin(), routes.end(), [&](auto &r) { return r.cid == c.cid; });
       rt_head *h = head(prefixText(p).c_str(), 24);
       const uint64_t before = h ? rtmh_version(h) : 0;
-      std::vector<ModelRoute> sorted = routes;
-      std::sort(sorted.begin(), sorted.end(), [](auto &a, auto &b) { return rank(a) < rank(b); });
-      const ModelRoute activeBefore = sorted.empty() ? ModelRoute{} : sorted[0];
-      const bool hadActive = !sorted.empty();
+      const bool hadActive = !routes.empty();
+      const ModelRoute activeBefore = hadActive ? sorted(routes)[0] : ModelRoute{};
       bool activeReplaced = false;
 
       if (mine != routes.end() && pick(3) == 0) {

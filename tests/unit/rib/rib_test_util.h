@@ -1,26 +1,13 @@
-// In-process RIB tests: the daemon brought up with rtmTaskInit, clients put straight into the
-// client table, and routes built as the bytes a protocol sends.
+// In-process RIB tests: the daemon brought up in-process, clients put straight into the client
+// table, and routes built as the bytes a protocol sends.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <cstring>
-#include <string>
-#include <vector>
-
 #include "addr/qor_addr.h"
-#include "clients/rtm_client.h"
-#include "frame/rtm_frame.h"
 #include "frame/rtm_mem.h"
-#include "ipc/qor_ipc.h"
-#include "log/qor_log.h"
-#include "mem/qor_mem.h"
-#include "rib/rtm_rib.h"
 #include "nexthop/rtm_nh.h"
-#include "rtm/rtm_msgs.h"
-#include "tests/support/rtmd_process.h"
+#include "rib/rtm_rib.h"
+#include "tests/unit/clients/rtmd_fixture.h"
 #include "vrf/rtm_vrf.h"
-#include "timer/qor_timer.h"
 
 namespace ribtest {
 
@@ -67,24 +54,11 @@ struct Route {
   }
 };
 
-class RibTest : public ::testing::Test {
+class RibTest : public rtmtest::RtmdTest {
  protected:
   void SetUp() override {
-    qorLogReset();
-    qorLogSetEcho(false);
-    qorClockUseManual(true);
-    ASSERT_EQ(qorIpcSetRunDir(dir.path().c_str()), 0);
-    rtmClkRate = sysClkRateGet();
-    rtmThreads = qorThreadInit(&rtmThreadMain, 0);
-    ASSERT_GT(rtmThreads, 0);
-    ASSERT_EQ(rtmTaskInit(1), 0);
-    rtmIfmRegState = rtmChmRegState = 1;
+    RtmdTest::SetUp();
     qorLogClearRecent();
-  }
-  void TearDown() override {
-    rtmFrameReset();
-    qorClockUseManual(false);
-    qorLogSetEcho(true);
   }
 
   // An active client of the family, served in VRF 0 (and `vrfId` if another).
@@ -127,10 +101,14 @@ class RibTest : public ::testing::Test {
     return n ? n->rtn_refcnt : 0;
   }
 
+  // Blocks of the pool in use.
+  static uint64_t inUse(uint32_t pool) {
+    QorMemPoolStats s;
+    return qorMemPoolStatsGet(pool, &s) == 0 ? s.inUse : 0;
+  }
+
   int add(uint32_t cid, Route &r) { return rtmAddRouteIPv4(r.af, cid, r.p()); }
   int del(uint32_t cid, Route &r) { return rtmDelRouteIPv4(r.af, cid, r.p()); }
-
-  rtmtest::TempDir dir;
 };
 
 }  // namespace ribtest

@@ -7,19 +7,15 @@ using namespace ribtest;
 
 namespace {
 
-constexpr uint32_t kOspf = 3, kOspf2 = 4, kRip = 5, kStatic = 6, kBgp = 7, kPos = 8, kConn = 9;
+constexpr uint32_t kOspf = 3, kRip = 5, kStatic = 6, kBgp = 7, kPos = 8, kConn = 9;
 
 class Routes : public RibTest {
  protected:
   void SetUp() override {
     RibTest::SetUp();
-    client(kOspf, RTM_PROTO_OSPF);
-    client(kOspf2, RTM_PROTO_OSPF, RTM_IPV4UNI_AFINDEX, 0, 1);
-    client(kRip, RTM_PROTO_RIP);
-    client(kStatic, RTM_PROTO_STATIC);
-    client(kBgp, RTM_PROTO_BGP);
-    client(kPos, RTM_PROTO_POS);
-    client(kConn, RTM_PROTO_CONNECTED);
+    for (auto [cid, proto] : {std::pair{kOspf, RTM_PROTO_OSPF}, {kRip, RTM_PROTO_RIP}, {kStatic, RTM_PROTO_STATIC},
+                              {kBgp, RTM_PROTO_BGP}, {kPos, RTM_PROTO_POS}, {kConn, RTM_PROTO_CONNECTED}})
+      client(cid, proto);
   }
   static Route ospf(const char *p = "10.1.0.0", unsigned plen = 16, int32_t metric = 10) {
     Route r;
@@ -101,8 +97,7 @@ TEST_F(Routes, RefusedAdds) {
     const char *what;
     uint32_t cid;
     Route route;
-    int result;
-    uint32_t event;  // 0: none expected
+    uint32_t event;
   };
   auto base = [] { return ospf("10.9.0.0", 16); };
   auto with = [&](void (*change)(Route &)) {
@@ -111,26 +106,22 @@ TEST_F(Routes, RefusedAdds) {
     return r;
   };
   std::vector<Case> cases = {
-      {"unknown client", 40, base(), RTM_FAILURE, 0x148018},
-      {"protocol differs from the client's", kRip, base(), RTM_FAILURE, 0x148017},
-      {"preference 0 from OSPF", kOspf, with([](Route &r) { r.pref(0); }), RTM_FAILURE, 0x148046},
-      {"no next hop", kOspf, with([](Route &r) { r.nnh(0); }), RTM_FAILURE, 0x14803C},
-      {"65 next hops", kOspf, with([](Route &r) { r.nnh(65); }), RTM_FAILURE, 0x14803C},
-      {"a zero next hop without interface", kOspf, with([](Route &r) { r.nh("0.0.0.0", 0); }), RTM_FAILURE,
-       0x14800E},
+      {"unknown client", 40, base(), 0x148018},
+      {"protocol differs from the client's", kRip, base(), 0x148017},
+      {"preference 0 from OSPF", kOspf, with([](Route &r) { r.pref(0); }), 0x148046},
+      {"no next hop", kOspf, with([](Route &r) { r.nnh(0); }), 0x14803C},
+      {"65 next hops", kOspf, with([](Route &r) { r.nnh(65); }), 0x14803C},
+      {"a zero next hop without interface", kOspf, with([](Route &r) { r.nh("0.0.0.0", 0); }), 0x14800E},
       {"VRF without tables (route's VRF taken for BGP)", kBgp,
-       with([](Route &r) { r.vrf(600).proto(RTM_PROTO_BGP).subtype(13); }), RTM_FAILURE, 0x14803F},
-      {"a subtype no entry can hold", kOspf, with([](Route &r) { r.subtype(0x10004); }), RTM_FAILURE, 0x148004},
-      {"prefix longer than the family's", kOspf, with([](Route &r) { r.prefix("10.9.0.0", 33); }), RTM_FAILURE,
-       0x148004},
+       with([](Route &r) { r.vrf(600).proto(RTM_PROTO_BGP).subtype(13); }), 0x14803F},
+      {"a subtype no entry can hold", kOspf, with([](Route &r) { r.subtype(0x10004); }), 0x148004},
+      {"prefix longer than the family's", kOspf, with([](Route &r) { r.prefix("10.9.0.0", 33); }), 0x148004},
   };
   for (Case &c : cases) {
     SCOPED_TRACE(c.what);
     qorLogClearRecent();
-    EXPECT_EQ(add(c.cid, c.route), c.result);
-    if (c.event) {
-      EXPECT_GE(qorLogCount(c.event), 1u);
-    }
+    EXPECT_EQ(add(c.cid, c.route), RTM_FAILURE);
+    EXPECT_GE(qorLogCount(c.event), 1u);
     rt_head *h = head("10.9.0.0", 16);
     EXPECT_TRUE(!h || !h->rtmh_rte);
     EXPECT_EQ(refs("192.168.1.1", 5), 0);  // nothing taken stays taken
@@ -285,33 +276,35 @@ TEST_F(Routes, UnnumberedRoutesGatherNextHopsOneByOne) {
   EXPECT_EQ(active(kConn), 0u);
 }
 
-TEST_F(Routes, UnnumberedDeleteOfTheLastSlotTakesTheWholeEntry) {
-  Route r;
-  for (uint32_t i : {21u, 22u, 23u}) {
-    r = pos("10.8.8.9", i);
-    ASSERT_EQ(add(kPos, r), RTM_SUCCESS);
+// Deleting the last of three next hops takes the whole entry; a withdrawal that names no next
+// hop takes nothing off (it once read a next hop past its element, found by the route-update
+// fuzz target).
+TEST_F(Routes, UnnumberedDeleteOfTheLastSlotOrOfNoNextHop) {
+  struct Case {
+    const char *what, *host;
+    bool bare;
+    int result;
+    uint16_t nnhLeft;
+  } cases[] = {
+      {"the last slot", "10.8.8.9", false, RTM_SUCCESS, 0},
+      {"no next hop", "10.8.8.11", true, RTM_FAILURE, 3},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.what);
+    Route r;
+    for (uint32_t i : {21u, 22u, 23u}) {
+      r = pos(c.host, i);
+      ASSERT_EQ(add(kPos, r), RTM_SUCCESS);
+    }
+    if (c.bare) r.nnh(0);
+    EXPECT_EQ(del(kPos, r), c.result);
+    rt_entry *e = head(c.host, 32)->rtmh_rte;
+    EXPECT_EQ(e ? e->rte_nnh : 0u, c.nnhLeft);
+    const int held = c.nnhLeft ? 1 : 0;
+    for (uint32_t i : {21u, 22u, 23u}) EXPECT_EQ(refs("0.0.0.0", i), held) << i;
+    EXPECT_EQ(refs(c.host, 0), held);
   }
-  rt_head *h = head("10.8.8.9", 32);
-  ASSERT_EQ(h->rtmh_rte->rte_nnh, 3u);
-  EXPECT_EQ(del(kPos, r), RTM_SUCCESS);  // ifindex 23, the last slot
-  EXPECT_EQ(h->rtmh_rte, nullptr);
-  for (uint32_t i : {21u, 22u, 23u}) EXPECT_EQ(refs("0.0.0.0", i), 0) << i;
-  EXPECT_EQ(refs("10.8.8.9", 0), 0);
-}
-
-TEST_F(Routes, UnnumberedWithdrawalWithoutANextHopTakesNothingOff) {
-  for (uint32_t i : {24u, 25u}) {
-    Route r = pos("10.8.8.11", i);
-    ASSERT_EQ(add(kPos, r), RTM_SUCCESS);
-  }
-  Route bare = pos("10.8.8.11", 24);
-  bare.nnh(0);
-  EXPECT_EQ(del(kPos, bare), RTM_FAILURE);
   EXPECT_EQ(qorLogCount(0x14800E), 1u);
-  rt_head *h = head("10.8.8.11", 32);
-  ASSERT_NE(h->rtmh_rte, nullptr);
-  EXPECT_EQ(h->rtmh_rte->rte_nnh, 2u);
-  for (uint32_t i : {24u, 25u}) EXPECT_EQ(refs("0.0.0.0", i), 1) << i;
 }
 
 TEST_F(Routes, UnnumberedRouteForTheConnectedRibSharesNothingWithTheMainEntry) {
@@ -333,17 +326,10 @@ TEST_F(Routes, UnnumberedRouteForTheConnectedRibSharesNothingWithTheMainEntry) {
   EXPECT_EQ(refs("10.8.8.10", 0), 0);
 }
 
-TEST_F(Routes, WeightsAndExportedRoutes) {
+// An exported active route that is displaced must be withdrawn from the importers.
+TEST_F(Routes, ADisplacedExportedRouteIsMarkedForWithdrawal) {
   Route w = ospf("10.12.0.0", 16);
-  w.nh("192.168.1.2", 5, 0, 3);
-  rtpnhSetWeight(rtpNh(w.p(), 0, 0), 0, 7);
-  w.flags(RTP_FLAG_WECMP);
   ASSERT_EQ(add(kOspf, w), RTM_SUCCESS);
-  rt_entry *e = head("10.12.0.0", 16)->rtmh_rte;
-  EXPECT_EQ(e->rte_wecmp, 1u);
-  EXPECT_EQ(rtmRteNh(e)[0]->rtn_weight, 7u);
-  EXPECT_EQ(rtmRteNh(e)[1]->rtn_weight, 3u);
-  // An exported active route that is displaced must be withdrawn from the importers.
   rt_head *h = head("10.12.0.0", 16);
   rtmhSet(h, RTMH_EXPORTED);
   Route s;
@@ -355,22 +341,6 @@ TEST_F(Routes, WeightsAndExportedRoutes) {
   EXPECT_EQ(ext->rtmh_delProto, RTM_PROTO_OSPF);
   EXPECT_EQ(ext->rtmh_delCid, kOspf);
   EXPECT_EQ(ext->rtmh_delSubtype, RT_OSPF_INTRA);
-}
-
-TEST_F(Routes, Ipv6TakesTheSamePath) {
-  client(kOspf, RTM_PROTO_OSPF, RTM_IPV6UNI_AFINDEX);
-  Route r(RTM_IPV6UNI_AFINDEX);
-  r.prefix("2001:db8:1::", 48).proto(RTM_PROTO_OSPF).pref(110).nh("fe80::1", 3).tlv("abc");
-  ASSERT_EQ(add(kOspf, r), RTM_SUCCESS);
-  rt_head *h = head("2001:db8:1::", 48, RTM_IPV6UNI_AFINDEX);
-  ASSERT_NE(h, nullptr);
-  rt_entry *e = h->rtmh_rte;
-  EXPECT_EQ(e->rte_af6, 1u);
-  EXPECT_EQ(memcmp(rtmRteTlv(e), "abc", 3), 0);
-  EXPECT_EQ(refs("fe80::1", 3, 0, RTM_IPV6UNI_AFINDEX), 1);
-  ASSERT_EQ(del(kOspf, r), RTM_SUCCESS);
-  EXPECT_EQ(h->rtmh_rte, nullptr);
-  EXPECT_EQ(refs("fe80::1", 3, 0, RTM_IPV6UNI_AFINDEX), 0);
 }
 
 TEST_F(Routes, ActiveRouteChangesWakeTheWorkersOncePerBatch) {

@@ -110,19 +110,4 @@ TEST_F(UpdateMsg, OutOfMemoryIsToldOncePerArming) {
   EXPECT_FALSE(has(7));
 }
 
-TEST_F(UpdateMsg, ArrivesThroughTheDispatch) {
-  constexpr uint32_t kPeerSvce = 902;
-  int peer = qorIpcOpen(kPeerSvce, 0);
-  ASSERT_GE(peer, 0);
-  rt_client_tbl[0][kOspf].rtc_expSeq[1] = 1;
-  append(RTM_UPD_ADD, 9);
-  rtm::st32(msg.data(), SWP_OFF_QUEUE, 77);
-  rtm::st32(msg.data(), SWP_OFF_SEQ, 1);
-  ASSERT_TRUE(rtmtest::addressMessage(msg.data(), Key_getReqQueue(peer), RTM_SVCE, 0));
-  ASSERT_EQ(qorIpcSend(Key_getReqQueue(peer), msg.data(), len()), 0);
-  std::vector<uint8_t> buf(RTM_IPC_BUF_SIZE);
-  ASSERT_EQ(rtmRecvFromAllQ(buf.data(), 0), 0);
-  EXPECT_TRUE(has(9));
-}
-
 }  // namespace

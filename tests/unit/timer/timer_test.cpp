@@ -31,6 +31,18 @@ class TimerTest : public ::testing::Test {
     qorTimerReset();
     qorClockUseManual(false);
   }
+  // A timer of `seconds` whose expiry has reached `queue` (its callback counts in `f`).
+  vx2bsdTimer_t expired(uint32_t seconds = 1) {
+    queue.clear();
+    f = {};
+    qorTimerSetExpirySink(collect, &queue);
+    vx2bsdTimer_t t = vx2bsdTimerCreate();
+    EXPECT_EQ(vx2bsdTimerStart(t, seconds, countCb, &f, 0), 0);
+    qorClockAdvance(seconds * sysClkRateGet());
+    return t;
+  }
+  std::vector<Msg> queue;
+  Fired f;
 };
 
 // Each row drives one timer through starts, cancels and clock steps and says how often the
@@ -130,12 +142,7 @@ TEST_F(TimerTest, CancelByAnEarlierCallbackOfTheSameStepHolds) {
 }
 
 TEST_F(TimerTest, ExpiryTravelsAsAMessageThroughTheSink) {
-  std::vector<Msg> queue;
-  qorTimerSetExpirySink(collect, &queue);
-  Fired f;
-  vx2bsdTimer_t t = vx2bsdTimerCreate();
-  ASSERT_EQ(vx2bsdTimerStart(t, 1, countCb, &f, 0), 0);
-  qorClockAdvance(sysClkRateGet());
+  vx2bsdTimer_t t = expired();
   ASSERT_EQ(queue.size(), 1u);
   EXPECT_EQ(f.count, 0) << "with a sink the callback waits for its message";
   EXPECT_TRUE(qorTimerIsArmed(t));
@@ -171,12 +178,7 @@ TEST_F(TimerTest, StaleExpiryDoesNothing) {
   enum Change { Rearm, Cancel, Delete, CancelThenRestart, RearmFiredAgain };
   for (Change c : {Rearm, Cancel, Delete, CancelThenRestart, RearmFiredAgain}) {
     SCOPED_TRACE(c);
-    std::vector<Msg> queue;
-    qorTimerSetExpirySink(collect, &queue);
-    Fired f;
-    vx2bsdTimer_t t = vx2bsdTimerCreate();
-    ASSERT_EQ(vx2bsdTimerStart(t, 1, countCb, &f, 0), 0);
-    qorClockAdvance(sysClkRateGet());
+    vx2bsdTimer_t t = expired();
     ASSERT_EQ(queue.size(), 1u);
     switch (c) {
       case Rearm: vx2bsdTimerStart(t, 2, countCb, &f, 0); break;
@@ -207,16 +209,9 @@ TEST_F(TimerTest, StaleExpiryDoesNothing) {
 
 TEST_F(TimerTest, OnlyWellFormedExpiriesAreAccepted) {
   uint8_t good[QOR_TIMER_EXPIRY_LEN];
-  {
-    std::vector<Msg> queue;
-    qorTimerSetExpirySink(collect, &queue);
-    Fired f;
-    vx2bsdTimer_t t = vx2bsdTimerCreate();
-    vx2bsdTimerStart(t, 0, countCb, &f, 0);
-    qorClockAdvance(0);
-    ASSERT_EQ(queue.size(), 1u);
-    std::memcpy(good, queue[0].data(), sizeof good);
-  }
+  expired(0);
+  ASSERT_EQ(queue.size(), 1u);
+  std::memcpy(good, queue[0].data(), sizeof good);
   struct Row {
     const char *name;
     size_t len;

@@ -1,6 +1,6 @@
 // The route-count view: which rows a request selects, in what order, how pages are cut and
-// that the totals always cover the whole selection; and that the daemon answers it over its
-// request queue once rtmTaskInit has run.
+// that the totals always cover the whole selection. The answer over the request queue is the
+// feed system test's.
 #include "tests/unit/clients/rtmd_fixture.h"
 
 #include "client/rtm_client_lib.h"
@@ -115,23 +115,6 @@ TEST_F(Views, RouteCountSelectsPagesAndTotals) {
   EXPECT_EQ(rtmRouteCountBuild(msg.data(), RTM_RC_REQ_LEN - 4), RTM_RC_EBADREQ);
   EXPECT_EQ(ld32(msg.data(), RTM_NM_OFF_STATUS), RTM_RC_EBADREQ);
   EXPECT_EQ(ld32(msg.data(), IPC_OFF_MLEN), RTM_RC_REQ_LEN - 4);
-}
-
-TEST_F(Views, RouteCountIsAnsweredOverTheRequestQueue) {
-  rtmtest::Peer &p = open(902);
-  rtmtest::Msg req(RTM_RC_REQ_LEN, 0);
-  rtmclient::encodeRouteCountRequest(RTM_IPV4UNI_AFINDEX, 0, 60, req.data(), req.size());
-  send(p, req);
-  std::vector<rtmtest::Msg> got = received(p);
-  ASSERT_EQ(got.size(), 1u);
-  ASSERT_EQ(got[0].size(), RTM_RC_OFF_ROWS + 4 * RTM_RC_ROW_LEN);
-  rtmclient::RouteCountReply r;
-  ASSERT_EQ(rtmclient::decodeRouteCountReply(got[0].data(), got[0].size(), &r), RTM_WIRE_OK);
-  EXPECT_EQ(r.status, RTM_RC_OK);
-  EXPECT_EQ(r.total, 64u);
-  ASSERT_EQ(r.rows.size(), 4u);
-  EXPECT_EQ(r.rows[3].cid, 63u);
-  EXPECT_EQ(ld32(got[0].data(), RTM_NM_OFF_SUBCODE), MT_RTM_GET_ROUTE_COUNT);
 }
 
 }  // namespace
