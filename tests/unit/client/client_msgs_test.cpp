@@ -27,18 +27,8 @@ std::vector<uint8_t> header(uint32_t mlen, uint32_t mtype) {
 }
 
 TEST(ClientMsgs, RegistrationFormsEncodeToTheirGoldenBytes) {
-  RegRequest req;
-  req.mtype = MT_RTM_REG_CLIENT;
-  req.name = "bgp-1";
-  req.proto = RTM_PROTO_BGP;
-  req.instance = 1;
-  req.flags = 0x10;
-  req.svce = 307;
-  req.card = 0x7F000001;
-  req.ipcInst = 1;
-  req.afIndex = RTM_IPV6UNI_AFINDEX;
-  req.multiQ = 1;
-  req.noOfQs = 1;
+  RegRequest req{.mtype = MT_RTM_REG_CLIENT, .name = "bgp-1", .proto = RTM_PROTO_BGP, .instance = 1, .flags = 0x10,
+                 .svce = 307, .card = 0x7F000001, .ipcInst = 1, .afIndex = RTM_IPV6UNI_AFINDEX, .multiQ = 1, .noOfQs = 1};
   const std::vector<uint8_t> golden = cat({header(168, 0x3201), hex(R"(
       00 00 00 00                                         // cid (the answer's)
       62 67 70 2d 31 00 00 00 00 00 00 00 00 00 00 00     // name "bgp-1", 40 bytes
@@ -134,27 +124,13 @@ TEST(ClientMsgs, DeregistrationAndManagerFormsEncodeToTheirGoldenBytes) {
 
 // One IPv4 add with two next hops, weights and a TLV; one IPv6 delete with one next hop.
 TEST(ClientMsgs, RouteUpdatesEncodeToTheirGoldenBytesAndDecodeBack) {
-  NextHop v4nh[2];
+  NextHop v4nh[2] = {{.ifindex = 5, .weight = 1}, {.weight = 3}};
   ASSERT_TRUE(parseAddr(0, "192.0.2.1", v4nh[0].addr));
-  v4nh[0].ifindex = 5;
-  v4nh[0].weight = 1;
   ASSERT_TRUE(parseAddr(0, "192.0.2.2", v4nh[1].addr));
-  v4nh[1].weight = 3;
   const uint8_t tlv[2] = {0xAA, 0xBB};
-  Route r4;
-  r4.afIndex = 0;
-  r4.prefixLen = 16;
+  Route r4{.afIndex = 0, .prefixLen = 16, .pref = 20, .proto = RTM_PROTO_BGP, .subtype = RT_BGP_EXTERNAL,
+           .metric = 100, .tag = 0x01020304, .flags = RTP_FLAG_WECMP, .nh = v4nh, .nnh = 2, .tlv = tlv, .tlvlen = 2};
   ASSERT_TRUE(parseAddr(0, "10.1.0.0", r4.prefix));
-  r4.pref = 20;
-  r4.proto = RTM_PROTO_BGP;
-  r4.subtype = RT_BGP_EXTERNAL;
-  r4.metric = 100;
-  r4.tag = 0x01020304;
-  r4.flags = RTP_FLAG_WECMP;
-  r4.nh = v4nh;
-  r4.nnh = 2;
-  r4.tlv = tlv;
-  r4.tlvlen = 2;
 
   const std::vector<uint8_t> v4 = cat({header(254, 0x3204), zeros(80), hex(R"(
       00 00 00 03 | 00 00 00 01 | 00 00 00 00       // cid 3 | one element | family 0
@@ -170,21 +146,11 @@ TEST(ClientMsgs, RouteUpdatesEncodeToTheirGoldenBytesAndDecodeBack) {
   )")});
   ASSERT_EQ(v4.size(), 254u);
 
-  NextHop v6nh;
+  NextHop v6nh{.ifindex = 7, .vrfId = 4};
   ASSERT_TRUE(parseAddr(2, "2001:db8::1", v6nh.addr));
-  v6nh.ifindex = 7;
-  v6nh.vrfId = 4;
-  Route r6;
-  r6.afIndex = 2;
-  r6.prefixLen = 32;
+  Route r6{.afIndex = 2, .prefixLen = 32, .pref = 20, .vrfId = 4, .proto = RTM_PROTO_BGP,
+           .subtype = RT_BGP_EXTERNAL, .srcVrf = 4, .nh = &v6nh, .nnh = 1};
   ASSERT_TRUE(parseAddr(2, "2001:db8::", r6.prefix));
-  r6.pref = 20;
-  r6.vrfId = 4;
-  r6.srcVrf = 4;
-  r6.proto = RTM_PROTO_BGP;
-  r6.subtype = RT_BGP_EXTERNAL;
-  r6.nh = &v6nh;
-  r6.nnh = 1;
   const std::vector<uint8_t> v6 = cat({header(264, 0x3204), zeros(80), hex(R"(
       00 00 00 09 | 00 00 00 01 | 00 02 00 00       // cid 9 | one element | family 2
       00 00 00 02                                   // delete
@@ -234,11 +200,7 @@ TEST(ClientMsgs, RouteUpdatesEncodeToTheirGoldenBytesAndDecodeBack) {
 
 TEST(ClientMsgs, AMessageTakesRoutesUntilTheNextWouldNotFit) {
   NextHop nh;
-  Route r;
-  r.prefixLen = 24;
-  r.nh = &nh;
-  r.nnh = 1;
-  r.proto = RTM_PROTO_OSPF;
+  Route r{.prefixLen = 24, .proto = RTM_PROTO_OSPF, .nh = &nh, .nnh = 1};
   std::vector<uint8_t> buf(RTM_IPC_BUF_SIZE);
   ASSERT_EQ(routeMsgInit(buf.data(), buf.size(), 1, 0), RTM_WIRE_OK);
   // (8192 - 152) / 80: one-next-hop IPv4 routes per message.
