@@ -37,9 +37,7 @@ class Flush : public RtmdTest {
   }
   // A protocol of every VRF: only the VRF form of the registration keeps the VRF it names.
   static Reg everyVrf(uint32_t proto, uint8_t af) {
-    Reg r{proto, 0, af, ALL_VRF_ID};
-    r.mtype = MT_RTM_REG_CLIENT_VRF;
-    return r;
+    return {.proto = proto, .afIndex = af, .vrfId = ALL_VRF_ID, .mtype = MT_RTM_REG_CLIENT_VRF};
   }
   static Route route(uint8_t af, uint32_t proto, const char *prefix, uint32_t vrf = 0, uint16_t pref = 110) {
     Route r(af);
@@ -56,12 +54,6 @@ class Flush : public RtmdTest {
   static bool routed(uint8_t af, const char *prefix, uint32_t vrf = 0) {
     rt_head *h = head(af, prefix, vrf);
     return h && h->rtmh_rte;
-  }
-  static Msg message(uint32_t mtype, uint32_t len) {
-    Msg m(len, 0);
-    st32(m.data(), IPC_OFF_MLEN, len);
-    st32(m.data(), IPC_OFF_MTYPE, mtype);
-    return m;
   }
   // A message of client `cid` of the family on its SWP queue, in its sequence.
   void sendSeq(Peer &p, uint8_t af, uint32_t cid, Msg m) {
