@@ -25,6 +25,11 @@ qorCfgRecord record(const Line &l) {
   return r;
 }
 
+void insert(const Line &l) {
+  qorCfgRecord r = record(l);
+  EXPECT_EQ(qorCfgInsert(kKey, &r), 0) << l.text;
+}
+
 std::vector<std::string> texts(uint32_t handle) {
   std::vector<std::string> out;
   for (auto &l : qorCfgLines(handle)) out.push_back(l.text);
@@ -55,10 +60,7 @@ TEST_F(CfgTest, LinesComeBackOrderedByModeClassAndKeyWhateverTheInsertionOrder) 
   for (int round = 0; round < 5; ++round) {
     qorCfgReset();
     std::shuffle(order.begin(), order.end(), rng);
-    for (size_t i : order) {
-      qorCfgRecord r = record(lines[i]);
-      ASSERT_EQ(qorCfgInsert(kKey, &r), 0);
-    }
+    for (size_t i : order) insert(lines[i]);
     auto got = qorCfgLines(kKey);
     ASSERT_EQ(got.size(), lines.size());
     for (size_t i = 0; i < lines.size(); ++i) {
@@ -71,13 +73,11 @@ TEST_F(CfgTest, LinesComeBackOrderedByModeClassAndKeyWhateverTheInsertionOrder) 
 }
 
 TEST_F(CfgTest, ALineStoredUnderAnExistingNameReplacesIt) {
-  qorCfgRecord r = record({5, 0x91, 1, "\x01", " redistribute static metric 5 "});
-  ASSERT_EQ(qorCfgInsert(kKey, &r), 0);
-  r = record({5, 0x91, 1, "\x01", " redistribute static "});
-  ASSERT_EQ(qorCfgInsert(kKey, &r), 0);
+  insert({5, 0x91, 1, "\x01", " redistribute static metric 5 "});
+  insert({5, 0x91, 1, "\x01", " redistribute static "});
   EXPECT_EQ(texts(kKey), std::vector<std::string>{" redistribute static "});
   // The same class and key in another mode is another line (an IPv6 OSPF target's rule).
-  r = record({0x53, 0x92, 1, "\x01", " redistribute static "});
+  qorCfgRecord r = record({0x53, 0x92, 1, "\x01", " redistribute static "});
   ASSERT_EQ(qorCfgInsert(kKey, &r), 0);
   EXPECT_EQ(qorCfgLineCount(kKey), 2u);
   EXPECT_EQ(qorCfgRemoveNode(kKey, &r), 0) << "the record names only its own mode's line";
@@ -96,10 +96,7 @@ TEST_F(CfgTest, RemoveExactTakesOnlyTheLineWithThatClassAndKey) {
       {0, 0, 174, "abc", "line abc"},
       {0, 0, 175, "ab", "other class ab"},
   };
-  for (auto &l : lines) {
-    qorCfgRecord r = record(l);
-    ASSERT_EQ(qorCfgInsert(kKey, &r), 0);
-  }
+  for (auto &l : lines) insert(l);
   struct Case {
     const char *what;
     std::string key;
@@ -132,10 +129,8 @@ TEST_F(CfgTest, RunningConfigPrintsEachModeHeaderOnceAheadOfItsLines) {
                                          {0, 0, 174, "\x01", "ip route 1.0.0.0/8 2.2.2.2"},
                                          {5, 0x91, 1, "\x01", " redistribute static "},
                                          {5, 0x91, 1, "\x02", " redistribute connected "},
-                                         {65, 48, 4, "red", "!\r\n maximum dynamic-routes 100 warning-only"}}) {
-    qorCfgRecord r = record(l);
-    ASSERT_EQ(qorCfgInsert(kKey, &r), 0);
-  }
+                                         {65, 48, 4, "red", "!\r\n maximum dynamic-routes 100 warning-only"}})
+    insert(l);
   EXPECT_EQ(qorCfgRunningConfig(kKey),
             "!\r\n"
             "ip route 1.0.0.0/8 2.2.2.2\r\n"
