@@ -84,13 +84,7 @@ class FibAgentTest : public ::testing::Test {
     qorIpcReset();
     qorLogSetEcho(true);
   }
-  FibAgent::Options options() {
-    FibAgent::Options o;
-    o.svce = kAgentSvce;
-    o.inst = kAgentInst;
-    o.name = "fib-test";
-    return o;
-  }
+  static FibAgent::Options options() { return {.svce = kAgentSvce, .inst = kAgentInst, .name = "fib-test"}; }
   // Sends msg as rtmd's sequenced message `seq` on its download queue.
   void post(std::vector<uint8_t> msg, uint32_t seq, uint32_t queue = kQueue) {
     st32(msg.data(), SWP_OFF_QUEUE, queue);
@@ -223,23 +217,11 @@ TEST_F(FibAgentTest, AnAgentToldToStopAcknowledgingTakesNothingMore) {
 }
 
 TEST(FibRouteText, OneLinePerRouteWithEverythingTheFibProgrammes) {
-  FibPrefix p;
-  p.afIndex = RTM_IPV6UNI_AFINDEX;
-  p.len = 48;
-  p.vrfId = 2;
+  FibPrefix p{.afIndex = RTM_IPV6UNI_AFINDEX, .len = 48, .vrfId = 2};
   ASSERT_TRUE(parseAddr(2, "2001:db8:1::", p.addr));
-  FibRoute r;
-  r.proto = 1;
-  r.metric = 3;
-  r.marker = FIB_MARKER_VRRP;
-  r.weighted = true;
-  r.nh.resize(2);
+  FibRoute r{.proto = 1, .metric = 3, .marker = FIB_MARKER_VRRP, .weighted = true,
+             .nh = {{.ifindex = 7, .weight = 2}, {.vrfId = 4, .weight = 1}}, .tlv = {0x0a, 0xff}};
   ASSERT_TRUE(parseAddr(2, "2001:db8::1", r.nh[0].addr));
-  r.nh[0].ifindex = 7;
-  r.nh[0].weight = 2;
-  r.nh[1].vrfId = 4;
-  r.nh[1].weight = 1;
-  r.tlv = {0x0a, 0xff};
   EXPECT_EQ(formatFibRoute(p, r), "2 2001:db8:1::/48 proto 1 metric 3 vrrp weighted nh 2001:db8::1%7@0*2 ::%0@4*1 tlv 0aff");
 }
 

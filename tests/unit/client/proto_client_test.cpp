@@ -132,26 +132,12 @@ class ProtoClientTest : public ::testing::Test {
     qorLogSetEcho(true);
   }
   static ProtoClient::Options options(uint32_t window = 24, uint32_t size = 48) {
-    ProtoClient::Options o;
-    o.svce = kClientSvce;
-    o.inst = kClientInst;
-    o.proto = RTM_PROTO_OSPF;
-    o.instance = 5;
-    o.name = "ospf-5";
-    o.window = window;
-    o.size = size;
-    o.replyWaitMs = 500;
-    o.replyRetries = 0;
-    return o;
+    return {.svce = kClientSvce, .inst = kClientInst, .proto = RTM_PROTO_OSPF, .instance = 5, .name = "ospf-5",
+            .window = window, .size = size, .replyWaitMs = 500, .replyRetries = 0};
   }
   static Route route(uint32_t i, const NextHop *nh) {
-    Route r;
-    r.prefixLen = 32;
+    Route r{.prefixLen = 32, .pref = 110, .proto = RTM_PROTO_OSPF, .nh = nh, .nnh = 1};
     rtm::st32(r.prefix, 0, 0x0A000000 + i);
-    r.proto = RTM_PROTO_OSPF;
-    r.pref = 110;
-    r.nh = nh;
-    r.nnh = 1;
     return r;
   }
   rtmtest::TempDir dir;
