@@ -4,6 +4,7 @@
 #include <cstring>
 #include <random>
 #include <string>
+#include <tuple>
 
 #include "cfg/qor_cfg.h"
 
@@ -190,11 +191,8 @@ TEST_F(CfgTest, SyncRecordCarriesModeSubsystemAndTextWithNoForARemoval) {
       continue;
     }
     const auto *b = reinterpret_cast<const uint8_t *>(&s);
-    EXPECT_EQ(b[0], 3);
-    EXPECT_EQ(b[1], 0);
-    EXPECT_EQ(rtm::ld16(b, 2), 0x0102);
-    EXPECT_EQ(rtm::ld32(b, 4), 0x03040506u);
-    EXPECT_EQ(rtm::ld32(b, 8), 0u);
+    EXPECT_EQ(std::tuple(b[0], b[1], rtm::ld16(b, 2), rtm::ld32(b, 4), rtm::ld32(b, 8)),
+              std::tuple(uint8_t(3), uint8_t(0), uint16_t(0x0102), 0x03040506u, 0u));
     EXPECT_EQ(std::string(reinterpret_cast<const char *>(b + 272)), c.synced) << c.what;
     EXPECT_EQ(b[sizeof s - 1], 0) << "the rest is cleared";
   }

@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "client/rtm_client_lib.h"
@@ -93,27 +94,17 @@ TEST(FibMsgs, RouteDownloadsOfBothFamiliesDecodeToTheirCommands) {
     ASSERT_EQ(m.size(), rtm::ld32(m.data(), IPC_OFF_MLEN));
     FibRouteMsg out;
     ASSERT_EQ(decodeFibRoutes(m.data(), m.size(), &out), RTM_WIRE_OK);
-    EXPECT_EQ(out.afIndex, c.af);
-    EXPECT_EQ(out.adds, c.adds);
-    EXPECT_EQ(out.dels, c.dels);
-    EXPECT_EQ(out.capacity, 8192u);
-    EXPECT_EQ(out.tick, c.tick);
+    EXPECT_EQ(std::tuple(out.afIndex, out.adds, out.dels, out.capacity, out.tick),
+              std::tuple(c.af, c.adds, c.dels, 8192u, c.tick));
     ASSERT_EQ(out.cmds.size(), c.cmds.size());
     for (size_t i = 0; i < c.cmds.size(); ++i) {
       const FibCmd &g = out.cmds[i];
       const Want &w = c.cmds[i];
       SCOPED_TRACE(w.prefix);
-      EXPECT_EQ(g.op, w.op);
-      EXPECT_EQ(g.vrfId, w.vrf);
-      EXPECT_EQ(addrToString(c.af, g.prefix), w.prefix);
-      EXPECT_EQ(g.prefixLen, w.plen);
-      EXPECT_EQ(g.proto, w.proto);
-      EXPECT_EQ(g.metric, w.metric);
-      EXPECT_EQ(g.marker, w.marker);
-      EXPECT_EQ(g.weighted, w.weighted);
-      EXPECT_EQ(g.nnhField, w.nnhField);
-      EXPECT_EQ(nhText(c.af, g), w.nh);
-      EXPECT_EQ(std::string(reinterpret_cast<const char *>(g.tlv), g.tlvlen), w.tlv);
+      const std::string tlv(reinterpret_cast<const char *>(g.tlv), g.tlvlen);
+      EXPECT_EQ(std::tuple(g.op, g.vrfId, addrToString(c.af, g.prefix), g.prefixLen, g.proto, g.metric, g.marker,
+                           g.weighted, g.nnhField, nhText(c.af, g), tlv),
+                std::tuple(w.op, w.vrf, w.prefix, w.plen, w.proto, w.metric, w.marker, w.weighted, w.nnhField, w.nh, w.tlv));
     }
   }
 }

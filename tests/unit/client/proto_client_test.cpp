@@ -12,6 +12,7 @@
 #include <string>
 #include <thread>
 #include <vector>
+#include <tuple>
 
 #include "client/rtm_client_lib.h"
 #include "ipc/qor_ipc.h"
@@ -157,14 +158,10 @@ TEST_F(ProtoClientTest, WindowBoundsWhatIsInFlightAndEveryRouteArrivesOnceInOrde
   std::lock_guard<std::mutex> lk(rtmd.mu);
   ASSERT_EQ(rtmd.regs.size(), 1u);
   const RegRequest &r = rtmd.regs[0];
-  EXPECT_EQ(r.mtype, MT_RTM_REG_CLIENT);
-  EXPECT_EQ(r.proto, RTM_PROTO_OSPF);
-  EXPECT_EQ(r.instance, 5u);
-  EXPECT_EQ(r.name, "ospf-5");
-  EXPECT_EQ(r.svce, kClientSvce) << "rtmd sends its streams to the endpoint named here";
-  EXPECT_EQ(r.ipcInst, kClientInst);
-  EXPECT_EQ(r.afIndex, RTM_IPV4UNI_AFINDEX);
-  EXPECT_EQ(r.multiQ, 0) << "one queue per family, one expected sequence";
+  // rtmd sends its streams to the endpoint named here; one queue per family, one expected sequence.
+  EXPECT_EQ(std::tuple(r.mtype, r.proto, r.instance, r.name, r.svce, r.ipcInst, r.afIndex, r.multiQ),
+            std::tuple(MT_RTM_REG_CLIENT, RTM_PROTO_OSPF, 5u, std::string("ospf-5"), kClientSvce, kClientInst,
+                       uint8_t(RTM_IPV4UNI_AFINDEX), uint16_t(0)));
 
   ASSERT_EQ(rtmd.updates.size(), 13u);
   EXPECT_LE(rtmd.maxOutstanding, 3u) << "never more than the window unacknowledged";

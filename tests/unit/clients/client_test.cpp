@@ -5,6 +5,7 @@
 #include "tests/unit/clients/rtmd_fixture.h"
 
 #include <string>
+#include <tuple>
 
 #include "chassis/qor_chassis.h"
 #include "nexthop/rtm_nh.h"
@@ -53,15 +54,9 @@ TEST_F(Clients, EachKindOfClientGetsItsRowQueuesAndVrf) {
     ASSERT_EQ(reg(p, c.reg, &cid), RTM_REG_OK);
     rt_client *rtc = rtmClientGetByHandle(c.row, cid);
     ASSERT_NE(rtc, nullptr);
-    EXPECT_EQ(rtc->rtc_proto, c.reg.proto);
-    EXPECT_EQ(rtc->rtc_vrfId, c.vrfId);
-    EXPECT_EQ(queueExists(rtc->rtc_redistQ), c.redistQ);
-    EXPECT_EQ(queueExists(rtc->rtc_dnldQ), c.dnldQ);
-    EXPECT_EQ(rtc->rtc_type, c.type);
-    EXPECT_EQ(rtc->rtc_filter, c.filter);
-    EXPECT_EQ(rtc->rtc_filterState, c.filterState);
-    EXPECT_EQ(rtc->rtc_dnldState, RTC_Q_REGISTERED);
-    EXPECT_EQ(rtc->rtc_slot, 0);
+    EXPECT_EQ(std::tuple(rtc->rtc_proto, rtc->rtc_vrfId, queueExists(rtc->rtc_redistQ), queueExists(rtc->rtc_dnldQ),
+                         rtc->rtc_type, rtc->rtc_filter, rtc->rtc_filterState, rtc->rtc_dnldState, rtc->rtc_slot),
+              std::tuple(c.reg.proto, c.vrfId, c.redistQ, c.dnldQ, c.type, c.filter, c.filterState, RTC_Q_REGISTERED, 0));
     // A download client starts on the regular list; the download thread may already have found it
     // level with the group and promoted it.
     EXPECT_EQ(rtmClientOnList(&regularClients[c.row], rtc) || rtmClientOnList(&superClients[c.row], rtc), c.dnldQ);

@@ -1,6 +1,8 @@
 // Flushes, clears and the download filter, driven by their messages over real sockets: what
 // leaves the RIB, what the protocols and agents are sent (to the byte where it matters), the
 // blocked state a clear leaves until the answer with the right key, and the filter's moves.
+#include <tuple>
+
 #include "cfg/qor_cfg.h"
 #include "rtm/rtm_clear_msgs.h"
 #include "tests/unit/clients/rtmd_fixture.h"
@@ -160,12 +162,9 @@ TEST_F(Flush, AClearBlocksEachProtocolUntilItAnswersWithTheKey) {
   ASSERT_EQ(flush.size(), 1u);
   const uint8_t *f = flush[0].data();
   ASSERT_EQ(flush[0].size(), RTM_CLR_MSG_LEN);
-  EXPECT_EQ(ld32(f, IPC_OFF_MLEN), RTM_CLR_MSG_LEN);
-  EXPECT_EQ(ld32(f, IPC_OFF_MSTATUS), 1u);
-  EXPECT_EQ(ld32(f, RTM_CLR_OFF_ALL), 1u);
-  EXPECT_EQ(f[RTM_CLR_OFF_AFINDEX], 0);
-  EXPECT_EQ(ld32(f, RTM_CLR_OFF_KEY), 1u);
-  EXPECT_EQ(ld32(f, RTM_CLR_OFF_VRFID), 0u);
+  EXPECT_EQ(std::tuple(ld32(f, IPC_OFF_MLEN), ld32(f, IPC_OFF_MSTATUS), ld32(f, RTM_CLR_OFF_ALL), f[RTM_CLR_OFF_AFINDEX],
+                       ld32(f, RTM_CLR_OFF_KEY), ld32(f, RTM_CLR_OFF_VRFID)),
+            std::tuple(RTM_CLR_MSG_LEN, 1u, 1u, uint8_t(0), 1u, 0u));
   for (size_t i = RTM_CLR_OFF_CID; i < RTM_CLR_OFF_ALL; ++i) EXPECT_EQ(f[i], 0) << i;
   EXPECT_EQ(ofType(received(q), MT_RTM_CLR_ROUTE).size(), 1u);
 
@@ -248,10 +247,9 @@ TEST_F(Flush, ClearFibStartsTheAgentAfreshOnTheRegularList) {
   std::vector<Msg> marks = ofType(received(agent), MT_RTM_DNLD_CNTRL);
   ASSERT_EQ(marks.size(), 1u);
   ASSERT_EQ(marks[0].size(), 144u);
-  EXPECT_EQ(ld32(marks[0].data(), 128), 0u);  // the version word
-  EXPECT_EQ(ld32(marks[0].data(), 132), RTM_CNTRL_DNLD_BEGINS);
-  EXPECT_EQ(ld32(marks[0].data(), 136), 0u);  // the VRF
-  EXPECT_EQ(marks[0][140], 0);                // the family
+  // The version word, the action, the VRF and the family.
+  EXPECT_EQ(std::tuple(ld32(marks[0].data(), 128), ld32(marks[0].data(), 132), ld32(marks[0].data(), 136), marks[0][140]),
+            std::tuple(0u, RTM_CNTRL_DNLD_BEGINS, 0u, uint8_t(0)));
   // The message is answered with status 0, for a client it does not know too.
   for (uint32_t cid : {fib, 40u}) {
     SCOPED_TRACE(cid);

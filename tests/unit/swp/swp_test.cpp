@@ -4,6 +4,7 @@
 #include <map>
 #include <poll.h>
 #include <vector>
+#include <tuple>
 
 #include "../ipc/ipc_test_util.h"
 #include "ipc/qor_ipc.h"
@@ -121,11 +122,10 @@ TEST_F(SwpTest, WindowAndSizeLimitAndEachAckedMessageIsReleasedOnce) {
   ASSERT_EQ(first.size(), 3u);  // the window
   for (uint32_t i = 0; i < 3; ++i) {
     const uint8_t *m = first[i].data();
-    EXPECT_EQ(qorSwpGetSeqNo(m), i + 1);
-    EXPECT_EQ(qorSwpGetQueue(m), q);
-    EXPECT_EQ(ld32(m, IPC_OFF_MLEN), 80u);
-    EXPECT_EQ(ld32(m, IPC_OFF_SRC_SVCE), qor_getQueueId(kSenderSvce, 0, QOR_IPC_QUEUE_REQ));
-    EXPECT_EQ(ld32(m, IPC_OFF_TGT_SVCE), qor_getQueueId(kPeerSvce, 0, QOR_IPC_QUEUE_REQ));
+    EXPECT_EQ(std::tuple(qorSwpGetSeqNo(m), qorSwpGetQueue(m), ld32(m, IPC_OFF_MLEN), ld32(m, IPC_OFF_SRC_SVCE),
+                         ld32(m, IPC_OFF_TGT_SVCE)),
+              std::tuple(i + 1, q, 80u, qor_getQueueId(kSenderSvce, 0, QOR_IPC_QUEUE_REQ),
+                         qor_getQueueId(kPeerSvce, 0, QOR_IPC_QUEUE_REQ)));
   }
   uint32_t expected = 1;
   ASSERT_EQ(qorSwpCkSeqAndAck(first[0].data(), &expected, peerQ), 0);
@@ -197,14 +197,11 @@ TEST_F(SwpTest, ReceiverCheckAcksInOrderRepeatsAndGaps) {
     EXPECT_EQ(expected, s.expectedAfter);
     uint8_t ack[256];
     ASSERT_EQ(qorIpcRecv(senderQ, ack, sizeof ack, QOR_IPC_NOWAIT, 0, 0), int(QOR_SWP_ACK_LEN));
-    EXPECT_EQ(ld32(ack, IPC_OFF_MLEN), QOR_SWP_ACK_LEN);
-    EXPECT_EQ(ld32(ack, IPC_OFF_MTYPE), MT_SWP_ACK);
-    EXPECT_EQ(ld32(ack, IPC_OFF_TRANSCODE), 0x55u);
-    EXPECT_EQ(ld32(ack, IPC_OFF_SRC_SVCE), qor_getQueueId(kPeerSvce, 0, QOR_IPC_QUEUE_REQ));
-    EXPECT_EQ(ld32(ack, SWP_OFF_QUEUE), 0x1234u);
-    EXPECT_EQ(ld32(ack, SWP_OFF_SEQ), s.ackSeq);
-    EXPECT_EQ(ld32(ack, SWP_OFF_ACK_WORD), 2u);
-    EXPECT_EQ(ld32(ack, SWP_OFF_ACK_KIND), s.kind);
+    EXPECT_EQ(std::tuple(ld32(ack, IPC_OFF_MLEN), ld32(ack, IPC_OFF_MTYPE), ld32(ack, IPC_OFF_TRANSCODE),
+                         ld32(ack, IPC_OFF_SRC_SVCE), ld32(ack, SWP_OFF_QUEUE), ld32(ack, SWP_OFF_SEQ),
+                         ld32(ack, SWP_OFF_ACK_WORD), ld32(ack, SWP_OFF_ACK_KIND)),
+              std::tuple(QOR_SWP_ACK_LEN, MT_SWP_ACK, 0x55u, qor_getQueueId(kPeerSvce, 0, QOR_IPC_QUEUE_REQ), 0x1234u,
+                         s.ackSeq, 2u, s.kind));
   }
 }
 
