@@ -6,6 +6,7 @@
 #include <cstring>
 #include <string>
 #include <vector>
+#include <tuple>
 
 #include "client/rtm_client_lib.h"
 #include "ipc/qor_ipc.h"
@@ -130,9 +131,7 @@ TEST_F(FibAgentTest, CommandsBuildTheTableAndAFreshDownloadEmptiesOnlyItsVrf) {
   EXPECT_EQ(a.dump(),
             "0 10.1.0.0/16 proto 5 metric 7 nh 198.51.100.1%8@0\n"
             "3 10.1.0.0/16 proto 7 metric 1 nh 192.0.2.3%2@0\n");
-  EXPECT_EQ(a.stats().adds, 4u);
-  EXPECT_EQ(a.stats().dels, 2u);
-  EXPECT_EQ(a.stats().delsUnknown, 1u);
+  EXPECT_EQ(std::tuple(a.stats().adds, a.stats().dels, a.stats().delsUnknown), std::tuple(4u, 2u, 1u));
 
   send(a, begins(3, RTM_IPV4UNI_AFINDEX), 43);
   EXPECT_EQ(a.dump(), "0 10.1.0.0/16 proto 5 metric 7 nh 198.51.100.1%8@0\n");
@@ -140,8 +139,7 @@ TEST_F(FibAgentTest, CommandsBuildTheTableAndAFreshDownloadEmptiesOnlyItsVrf) {
   send(a, begins(0, RTM_IPV6UNI_AFINDEX), 44);  // another family's VRF 0: ours stays
   EXPECT_EQ(a.routeCount(), 1u);
   EXPECT_EQ(acks(), (std::vector<std::string>{"41/0", "42/0", "43/0", "44/0"}));
-  EXPECT_EQ(a.stats().messages, 4u);
-  EXPECT_EQ(a.stats().cntrlMsgs, 2u);
+  EXPECT_EQ(std::tuple(a.stats().messages, a.stats().cntrlMsgs), std::tuple(4u, 2u));
 }
 
 TEST_F(FibAgentTest, RepeatsAndGapsAreAcknowledgedButNotApplied) {
@@ -157,9 +155,7 @@ TEST_F(FibAgentTest, RepeatsAndGapsAreAcknowledgedButNotApplied) {
   send(a, add("10.0.3.0"), 3);
   send(a, download4({{FIB_OP_DEL, 0, "10.0.1.0", 24}}), 1, 0x4C0012);  // a second queue of rtmd's
   EXPECT_EQ(taken, (std::vector<uint32_t>{1, 2, 3, 1}));
-  EXPECT_EQ(a.stats().repeats, 1u);
-  EXPECT_EQ(a.stats().gaps, 1u);
-  EXPECT_EQ(a.stats().adds, 3u);
+  EXPECT_EQ(std::tuple(a.stats().repeats, a.stats().gaps, a.stats().adds), std::tuple(1u, 1u, 3u));
   EXPECT_EQ(a.routeCount(), 2u);
   EXPECT_EQ(acks(), (std::vector<std::string>{"1/0", "1/1", "1/2", "2/0", "3/0", "other 1/0"}));
 }
