@@ -189,12 +189,8 @@ TEST(FibMsgs, NextHopBundles) {
   std::vector<FibNhRecord> out;
   ASSERT_EQ(decodeFibNextHops(golden.data(), golden.size(), false, &out), RTM_WIRE_OK);
   ASSERT_EQ(out.size(), 2u);
-  EXPECT_EQ(out[0].op, RTM_NH_OP_ADD);
-  EXPECT_EQ(addrToString(0, out[0].addr), "192.0.2.1");
-  EXPECT_EQ(out[0].ifindex, 5u);
-  EXPECT_EQ(out[1].op, RTM_NH_OP_DEL);
-  EXPECT_EQ(out[1].vrfId, 3u);
-  EXPECT_EQ(addrToString(0, out[1].addr), "127.0.0.1");
+  EXPECT_EQ(std::tuple(out[0].op, addrToString(0, out[0].addr), out[0].ifindex), std::tuple(RTM_NH_OP_ADD, "192.0.2.1", 5u));
+  EXPECT_EQ(std::tuple(out[1].op, addrToString(0, out[1].addr), out[1].vrfId), std::tuple(RTM_NH_OP_DEL, "127.0.0.1", 3u));
 
   // The replay to an IPv6 agent: the address runs on from byte 8, the ifindex over its 2nd word.
   std::vector<uint8_t> v6 = golden;

@@ -295,13 +295,10 @@ TEST_F(Flush, TheFilterMovesAgentsOffTheSuperListAndIsKeptInTheConfiguration) {
     std::vector<Msg> status = ofType(received(cli), MT_NM_CMD);
     ASSERT_EQ(status.size(), 1u);
     EXPECT_EQ(ld32(status[0].data(), RTM_NM_OFF_STATUS), 0u);
-    EXPECT_EQ(rtmCurrentFilterState, s.state);
-    EXPECT_EQ(i0->rtc_filterState, s.ipm0);
-    EXPECT_EQ(i1->rtc_filterState, s.ipm1);
-    EXPECT_EQ(rtmClientOnList(&superClients[0], i0), s.ipm0 == 1);
-    EXPECT_EQ(cfgText(0), s.line);
-    EXPECT_EQ(lastSynced(), s.synced);
-    EXPECT_EQ(qorLogCount(0x148004), s.cmd == 99 ? 1u : 0u);
+    EXPECT_EQ(std::tuple(rtmCurrentFilterState, i0->rtc_filterState, i1->rtc_filterState,
+                         rtmClientOnList(&superClients[0], i0), cfgText(0), lastSynced(), qorLogCount(0x148004)),
+              std::tuple(s.state, s.ipm0, s.ipm1, s.ipm0 == 1, std::string(s.line), std::string(s.synced),
+                         s.cmd == 99 ? 1u : 0u));
     // VRF 0 is served afresh under the new rule: the protocols are asked for their routes.
     EXPECT_EQ(ofType(received(ospf), MT_RTM_CLR_ROUTE).size(), 1u);
   }
@@ -333,12 +330,9 @@ TEST_F(Flush, BgpRoutesToIpmInstanceOne) {
     st32(m.data(), RTM_REDNLD_OFF_AFINDEX, s.af);
     send(cli, m);
     EXPECT_EQ(ld32(ofType(received(cli), MT_NM_CMD).at(0).data(), RTM_NM_OFF_STATUS), 0u);
-    EXPECT_EQ(rtmDownloadBgpRoutesToIpm1[s.af ? 2 : 0], s.flag);
-    EXPECT_EQ(i1->rtc_filterState, s.ipm1State);
-    EXPECT_EQ(cfgText(s.key), s.line);
-    EXPECT_EQ(lastSynced(), s.synced);
-    EXPECT_EQ(rtmh_version(head(0, "10.1.0.0")) > vb, s.bgpMoves);
-    EXPECT_EQ(rtmh_version(head(0, "10.2.0.0")), vo);
+    EXPECT_EQ(std::tuple(rtmDownloadBgpRoutesToIpm1[s.af ? 2 : 0], i1->rtc_filterState, cfgText(s.key), lastSynced(),
+                         rtmh_version(head(0, "10.1.0.0")) > vb, rtmh_version(head(0, "10.2.0.0"))),
+              std::tuple(s.flag, s.ipm1State, std::string(s.line), std::string(s.synced), s.bgpMoves, vo));
   }
 }
 
