@@ -2,7 +2,6 @@
 
 #include <cstdlib>
 #include <map>
-#include <poll.h>
 #include <vector>
 #include <tuple>
 
@@ -310,31 +309,6 @@ TEST_F(SwpTest, ExpectedSequenceListKeepsOneSequencePerSenderQueue) {
   EXPECT_EQ(qorSwpQListCkSeqAndAck(msg.data(), list, peerQ), QOR_SWP_SEQ_NOLIST);
 }
 
-TEST_F(SwpTest, LostMessagesAndLostAcksAreRepairedAfterTheTimeOut) {
-  uint32_t q = makeQueue(4, 10, /*rto=*/10);
-  enqueue(q, 1, 4);
-  // Only the first arrives; the rest are lost on the way.
-  auto in = peerInbox();
-  uint32_t expected = 1;
-  ASSERT_EQ(qorSwpCkSeqAndAck(in[0].data(), &expected, peerQ), 0);
-  pumpAcks();
-  advanceAndRun(9);
-  EXPECT_TRUE(peerInbox().empty());  // not yet: the time-out counts from the last progress
-  advanceAndRun(1);
-  // This time everything arrives but every ack is lost.
-  qorSwpSetAckFilter([](const uint8_t *, uint32_t) { return false; });
-  EXPECT_EQ(peerApply(expected), (std::vector<uint32_t>{2, 3, 4}));
-  qorSwpSetAckFilter(nullptr);
-  EXPECT_EQ(pumpAcks(), 0);
-  advanceAndRun(20);  // the second round waits twice as long
-  EXPECT_TRUE(peerApply(expected).empty());  // all repeats, and each acknowledged again
-  EXPECT_EQ(pumpAcks(), 3);
-  EXPECT_EQ(qorSwpQueueGetLen(q), 0);
-  EXPECT_EQ(g_freed.size(), 4u);
-  EXPECT_EQ(ctrl(q).retransmitted, 6u);
-  EXPECT_TRUE(g_failures.empty());
-}
-
 TEST_F(SwpTest, GapAckResendsAtOnceWithoutWaitingForTheTimeOut) {
   uint32_t q = makeQueue(4, 10, /*rto=*/1000);
   enqueue(q, 1, 4);
@@ -416,20 +390,6 @@ TEST_F(SwpTest, MessagesAFullPeerTurnsBackGoOutLaterWithoutRetransmission) {
   ASSERT_EQ(applied.size(), kCount);
   for (uint32_t i = 0; i < kCount; ++i) ASSERT_EQ(applied[i], i + 1);
   EXPECT_EQ(ctrl(q).retransmitted, 0u);
-}
-
-TEST_F(SwpTest, PipeWakesTheOwnerWhenARetransmissionIsDue) {
-  int pipe = qorSwpCreatePipe("/qor/pipe/rtmpipe");
-  ASSERT_GE(pipe, 0);
-  uint32_t q = makeQueue(2, 10, 10, 3, pipe);
-  enqueue(q, 1, 1);
-  peerInbox();  // lost
-  qorClockAdvance(10);
-  pollfd p{pipe, POLLIN, 0};
-  ASSERT_EQ(poll(&p, 1, 10000), 1) << "the helper never marked the pipe";
-  ASSERT_EQ(qorSwpReadPipe(pipe), 0);
-  EXPECT_EQ(peerInbox().size(), 1u);
-  EXPECT_EQ(qorSwpClosePipe(pipe), 0);
 }
 
 }  // namespace
