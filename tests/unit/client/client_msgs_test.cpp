@@ -125,13 +125,15 @@ TEST(ClientMsgs, DeregistrationAndManagerFormsEncodeToTheirGoldenBytes) {
 
 // One IPv4 add with two next hops, weights and a TLV; one IPv6 delete with one next hop.
 TEST(ClientMsgs, RouteUpdatesEncodeToTheirGoldenBytesAndDecodeBack) {
-  NextHop v4nh[2] = {{.ifindex = 5, .weight = 1}, {.weight = 3}};
+  NextHop v4nh[2] = {{.ifindex = 5, .weight = 1}, {.vrfId = 3, .weight = 3}};
   ASSERT_TRUE(parseAddr(0, "192.0.2.1", v4nh[0].addr));
   ASSERT_TRUE(parseAddr(0, "192.0.2.2", v4nh[1].addr));
   const uint8_t tlv[2] = {0xAA, 0xBB};
   Route r4{.afIndex = 0, .prefixLen = 16, .pref = 20, .proto = RTM_PROTO_BGP, .subtype = RT_BGP_EXTERNAL,
-           .metric = 100, .tag = 0x01020304, .flags = RTP_FLAG_WECMP, .nh = v4nh, .nnh = 2, .tlv = tlv, .tlvlen = 2};
+           .metric = 100, .tag = 0x01020304, .flags = RTP_FLAG_WECMP, .srcVrf = 3, .nh = v4nh, .nnh = 2,
+           .tlv = tlv, .tlvlen = 2};
   ASSERT_TRUE(parseAddr(0, "10.1.0.0", r4.prefix));
+  ASSERT_TRUE(parseAddr(0, "192.0.2.254", r4.gateway));
 
   const std::vector<uint8_t> v4 = cat({header(254, 0x3204), zeros(80), hex(R"(
       00 00 00 03 | 00 00 00 01 | 00 00 00 00       // cid 3 | one element | family 0
@@ -140,25 +142,26 @@ TEST(ClientMsgs, RouteUpdatesEncodeToTheirGoldenBytesAndDecodeBack) {
       00 00 00 00 | 00 00 00 0d | 00 00 00 64       // reserved | subtype 13 | metric 100
       01 02 03 04 | 00 00 00 00 | 00 02 00 00       // tag | reserved | 2 next hops
       00 80 00 00 | 00 02 00 10                     // flags | tlvlen 2, family 0, /16
-      00 00 00 00 | 00 00 00 00 | 0a 01 00 00       // gateway | source VRF | prefix
+      c0 00 02 fe | 00 00 00 03 | 0a 01 00 00       // gateway | source VRF 3 | prefix
       c0 00 02 01 00 00 00 05 00 00 00 00 00 00 00 00 00 00 00 01     // next hop, ifindex 5, weight 1
-      c0 00 02 02 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 03     // next hop, weight 3
+      c0 00 02 02 00 00 00 00 00 00 00 03 00 00 00 00 00 00 00 03     // next hop, VRF 3, weight 3
       aa bb                                                           // TLV
   )")});
   ASSERT_EQ(v4.size(), 254u);
 
   NextHop v6nh{.ifindex = 7, .vrfId = 4};
   ASSERT_TRUE(parseAddr(2, "2001:db8::1", v6nh.addr));
-  Route r6{.afIndex = 2, .prefixLen = 32, .pref = 20, .vrfId = 4, .proto = RTM_PROTO_BGP,
+  Route r6{.afIndex = 2, .prefixLen = 32, .pref = 20, .subpref = 1, .vrfId = 4, .proto = RTM_PROTO_BGP,
            .subtype = RT_BGP_EXTERNAL, .srcVrf = 4, .nh = &v6nh, .nnh = 1};
   ASSERT_TRUE(parseAddr(2, "2001:db8::", r6.prefix));
+  ASSERT_TRUE(parseAddr(2, "2001:db8::fe", r6.gateway));
   const std::vector<uint8_t> v6 = cat({header(264, 0x3204), zeros(80), hex(R"(
       00 00 00 09 | 00 00 00 01 | 00 02 00 00       // cid 9 | one element | family 2
       00 00 00 02                                   // delete
-      00 14 00 00 | 00 00 00 04 | 00 00 00 07       // pref 20 | vrf 4 | proto 7
+      00 14 00 01 | 00 00 00 04 | 00 00 00 07       // pref 20, subpref 1 | vrf 4 | proto 7
       00 00 00 00 | 00 00 00 0d | 00 00 00 00 | 00 00 00 00 | 00 00 00 00
       00 01 00 00 | 00 00 00 00 | 00 00 02 20       // 1 next hop | flags | no TLV, family 2, /32
-      00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00                 // gateway
+      20 01 0d b8 00 00 00 00 00 00 00 00 00 00 00 fe                 // gateway
       00 00 00 04                                                     // source VRF 4
       20 01 0d b8 00 00 00 00 00 00 00 00 00 00 00 00                 // prefix
       20 01 0d b8 00 00 00 00 00 00 00 00 00 00 00 01                 // next hop
