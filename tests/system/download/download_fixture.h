@@ -132,12 +132,8 @@ class DownloadSystem : public ::testing::Test {
     return a;
   }
   ProtoClient &addProto(uint8_t af, uint32_t proto, uint32_t inst, uint32_t svce) {
-    ProtoClient::Options o;
-    o.svce = svce;
-    o.proto = proto;
-    o.instance = inst;
-    o.name = "proto " + std::to_string(proto);
-    protos.push_back(std::make_unique<ProtoClient>(o));
+    protos.push_back(std::make_unique<ProtoClient>(
+        ProtoClient::Options{.svce = svce, .proto = proto, .instance = inst, .name = "proto " + n(proto)}));
     ProtoClient &c = *protos.back();
     EXPECT_EQ(c.open(), 0) << c.lastError();
     EXPECT_EQ(c.registerFamily(af), 0) << c.lastError();
@@ -190,9 +186,8 @@ class DownloadSystem : public ::testing::Test {
   // What a stalled download needs looked at: how far each side got.
   static std::string agentStats(FibAgent &a) {
     const auto &st = a.stats();
-    return "taken " + std::to_string(st.messages) + ", repeats " + std::to_string(st.repeats) + ", gaps " +
-           std::to_string(st.gaps) + ", withheld " + std::to_string(st.withheld) + ", fresh starts " +
-           std::to_string(st.freshStarts);
+    return "taken " + n(st.messages) + ", repeats " + n(st.repeats) + ", gaps " + n(st.gaps) + ", withheld " +
+           n(st.withheld) + ", fresh starts " + n(st.freshStarts);
   }
   std::string clientsText() {
     std::string out;
@@ -200,15 +195,14 @@ class DownloadSystem : public ::testing::Test {
       DnldClientsReply v;
       if (queryDnldClients(probe, af, 0, &v, 2000, 1) != 0) continue;
       for (const auto &r : v.rows)
-        out += "  af " + std::to_string(af) + " proto " + std::to_string(r.proto) + "/" + std::to_string(r.instance) +
-               " list " + std::to_string(r.list) + " state " + std::to_string(r.dnldState) + " qState " +
-               std::to_string(r.qState) + " queue " + std::to_string(r.queueLen) + " sends " +
-               std::to_string(r.sends) + "/" + std::to_string(r.superSends) + " failures " +
-               std::to_string(r.failures) + " version " + std::to_string(r.version) + " of " +
-               std::to_string(v.treeVersion) + "\n";
+        out += "  af " + n(af) + " proto " + n(r.proto) + "/" + n(r.instance) + " list " + n(r.list) + " state " +
+               n(r.dnldState) + " qState " + n(r.qState) + " queue " + n(r.queueLen) + " sends " + n(r.sends) + "/" +
+               n(r.superSends) + " failures " + n(r.failures) + " version " + n(r.version) + " of " +
+               n(v.treeVersion) + "\n";
     }
     return out;
   }
+  static std::string n(uint64_t v) { return std::to_string(v); }
   std::string logTail(size_t lines) {
     const std::string all = readFile(log);
     size_t from = all.size();

@@ -44,13 +44,9 @@ TEST_P(RandomSequences, AgentsHoldExactlyTheActiveRoutes) {
     return key;
   };
   auto routeOf = [&](int c, const std::vector<uint8_t> &key) {
-    Route r;
-    r.afIndex = af;
+    Route r{.afIndex = af, .prefixLen = key.back(), .pref = prefs[c], .proto = protoIds[c],
+            .subtype = defaultSubtype(protoIds[c])};
     memcpy(r.prefix, key.data(), key.size() - 1);
-    r.prefixLen = key.back();
-    r.proto = protoIds[c];
-    r.pref = prefs[c];
-    r.subtype = defaultSubtype(protoIds[c]);
     return r;
   };
 

@@ -105,23 +105,13 @@ TEST_F(FeedSystem, TheLessPreferredProtocolIsCountedInactiveUntilTheOtherGoes) {
 }
 
 TEST_F(FeedSystem, AnUpdateWhoseCountReachesPastItsDatagramAppliesNothing) {
-  rtmclient::ProtoClient::Options o;
-  o.svce = kClientSvce;
-  o.proto = RTM_PROTO_OSPF;
-  o.instance = 3;
-  o.name = "ospf-3";
-  rtmclient::ProtoClient c(o);
+  rtmclient::ProtoClient c({.svce = kClientSvce, .proto = RTM_PROTO_OSPF, .instance = 3, .name = "ospf-3"});
   ASSERT_EQ(c.open(), 0) << c.lastError();
   ASSERT_EQ(c.registerFamily(RTM_IPV4UNI_AFINDEX), 0) << c.lastError();
 
   rtmclient::NextHop nh;
   ASSERT_TRUE(rtmclient::parseAddr(0, "192.0.2.1", nh.addr));
-  rtmclient::Route route;
-  route.prefixLen = 24;
-  route.proto = RTM_PROTO_OSPF;
-  route.pref = 110;
-  route.nh = &nh;
-  route.nnh = 1;
+  rtmclient::Route route{.prefixLen = 24, .pref = 110, .proto = RTM_PROTO_OSPF, .nh = &nh, .nnh = 1};
   std::vector<uint8_t> msg(RTM_IPC_BUF_SIZE);
   ASSERT_EQ(rtmclient::routeMsgInit(msg.data(), msg.size(), c.cid(0), 0), RTM_WIRE_OK);
   for (uint8_t i = 1; i <= 3; ++i) {

@@ -5,6 +5,7 @@
 #include <array>
 #include <cstring>
 #include <string>
+#include <tuple>
 
 #include "addr/qor_addr.h"
 
@@ -46,15 +47,12 @@ TEST(Addr, PredicatesAndComparisonsAreByteWiseForBothFamilies) {
     unsigned af = afOf(c.a);
     Addr a = A(c.a), b = A(c.b);
     SCOPED_TRACE(std::string(c.a) + " vs " + c.b);
-    EXPECT_EQ(rtmAF_IsAddrZero(af, a.data()), c.zero);
-    EXPECT_EQ(rtmAF_IsAddrNonZero(af, a.data()), !c.zero);
-    EXPECT_EQ(rtmAF_IsAddrAllOnes(af, a.data()), c.allOnes);
-    EXPECT_EQ(rtmAF_IsAddrGreater(af, a.data(), b.data()), c.greater);
-    EXPECT_EQ(rtmAF_IsAddrLess(af, a.data(), b.data()), c.less);
-    EXPECT_EQ(rtmAF_IsAddrLessOrEq(af, a.data(), b.data()), c.less || c.equal);
-    EXPECT_EQ(rtmAF_IsAddrEqual(af, a.data(), b.data()), c.equal);
-    // The multicast afIndex of each family has the same width.
-    EXPECT_EQ(rtmAF_IsAddrGreater(af + 1, a.data(), b.data()), c.greater);
+    // The last: the multicast afIndex of each family has the same width.
+    EXPECT_EQ(std::tuple(rtmAF_IsAddrZero(af, a.data()), rtmAF_IsAddrNonZero(af, a.data()),
+                         rtmAF_IsAddrAllOnes(af, a.data()), rtmAF_IsAddrGreater(af, a.data(), b.data()),
+                         rtmAF_IsAddrLess(af, a.data(), b.data()), rtmAF_IsAddrLessOrEq(af, a.data(), b.data()),
+                         rtmAF_IsAddrEqual(af, a.data(), b.data()), rtmAF_IsAddrGreater(af + 1, a.data(), b.data())),
+              std::tuple(c.zero, int(!c.zero), c.allOnes, c.greater, c.less, int(c.less || c.equal), c.equal, c.greater));
   }
   // Only the family's bytes count: bytes past an IPv4 address are ignored.
   Addr x = A("1.2.3.4"), y = A("1.2.3.4");

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <random>
 #include <string>
+#include <tuple>
 
 #include "cfg/qor_cfg.h"
 
@@ -23,6 +24,11 @@ qorCfgRecord record(const Line &l) {
   EXPECT_EQ(qorCfgRecSetKey(&r, l.key.data(), uint32_t(l.key.size())), 0);
   EXPECT_EQ(qorCfgRecSetText(&r, l.text.c_str()), 0);
   return r;
+}
+
+void insert(const Line &l) {
+  qorCfgRecord r = record(l);
+  EXPECT_EQ(qorCfgInsert(kKey, &r), 0) << l.text;
 }
 
 std::vector<std::string> texts(uint32_t handle) {
@@ -55,10 +61,7 @@ TEST_F(CfgTest, LinesComeBackOrderedByModeClassAndKeyWhateverTheInsertionOrder) 
   for (int round = 0; round < 5; ++round) {
     qorCfgReset();
     std::shuffle(order.begin(), order.end(), rng);
-    for (size_t i : order) {
-      qorCfgRecord r = record(lines[i]);
-      ASSERT_EQ(qorCfgInsert(kKey, &r), 0);
-    }
+    for (size_t i : order) insert(lines[i]);
     auto got = qorCfgLines(kKey);
     ASSERT_EQ(got.size(), lines.size());
     for (size_t i = 0; i < lines.size(); ++i) {
@@ -71,13 +74,11 @@ TEST_F(CfgTest, LinesComeBackOrderedByModeClassAndKeyWhateverTheInsertionOrder) 
 }
 
 TEST_F(CfgTest, ALineStoredUnderAnExistingNameReplacesIt) {
-  qorCfgRecord r = record({5, 0x91, 1, "\x01", " redistribute static metric 5 "});
-  ASSERT_EQ(qorCfgInsert(kKey, &r), 0);
-  r = record({5, 0x91, 1, "\x01", " redistribute static "});
-  ASSERT_EQ(qorCfgInsert(kKey, &r), 0);
+  insert({5, 0x91, 1, "\x01", " redistribute static metric 5 "});
+  insert({5, 0x91, 1, "\x01", " redistribute static "});
   EXPECT_EQ(texts(kKey), std::vector<std::string>{" redistribute static "});
   // The same class and key in another mode is another line (an IPv6 OSPF target's rule).
-  r = record({0x53, 0x92, 1, "\x01", " redistribute static "});
+  qorCfgRecord r = record({0x53, 0x92, 1, "\x01", " redistribute static "});
   ASSERT_EQ(qorCfgInsert(kKey, &r), 0);
   EXPECT_EQ(qorCfgLineCount(kKey), 2u);
   EXPECT_EQ(qorCfgRemoveNode(kKey, &r), 0) << "the record names only its own mode's line";
@@ -96,10 +97,7 @@ TEST_F(CfgTest, RemoveExactTakesOnlyTheLineWithThatClassAndKey) {
       {0, 0, 174, "abc", "line abc"},
       {0, 0, 175, "ab", "other class ab"},
   };
-  for (auto &l : lines) {
-    qorCfgRecord r = record(l);
-    ASSERT_EQ(qorCfgInsert(kKey, &r), 0);
-  }
+  for (auto &l : lines) insert(l);
   struct Case {
     const char *what;
     std::string key;
@@ -132,10 +130,8 @@ TEST_F(CfgTest, RunningConfigPrintsEachModeHeaderOnceAheadOfItsLines) {
                                          {0, 0, 174, "\x01", "ip route 1.0.0.0/8 2.2.2.2"},
                                          {5, 0x91, 1, "\x01", " redistribute static "},
                                          {5, 0x91, 1, "\x02", " redistribute connected "},
-                                         {65, 48, 4, "red", "!\r\n maximum dynamic-routes 100 warning-only"}}) {
-    qorCfgRecord r = record(l);
-    ASSERT_EQ(qorCfgInsert(kKey, &r), 0);
-  }
+                                         {65, 48, 4, "red", "!\r\n maximum dynamic-routes 100 warning-only"}})
+    insert(l);
   EXPECT_EQ(qorCfgRunningConfig(kKey),
             "!\r\n"
             "ip route 1.0.0.0/8 2.2.2.2\r\n"
@@ -195,11 +191,8 @@ TEST_F(CfgTest, SyncRecordCarriesModeSubsystemAndTextWithNoForARemoval) {
       continue;
     }
     const auto *b = reinterpret_cast<const uint8_t *>(&s);
-    EXPECT_EQ(b[0], 3);
-    EXPECT_EQ(b[1], 0);
-    EXPECT_EQ(rtm::ld16(b, 2), 0x0102);
-    EXPECT_EQ(rtm::ld32(b, 4), 0x03040506u);
-    EXPECT_EQ(rtm::ld32(b, 8), 0u);
+    EXPECT_EQ(std::tuple(b[0], b[1], rtm::ld16(b, 2), rtm::ld32(b, 4), rtm::ld32(b, 8)),
+              std::tuple(uint8_t(3), uint8_t(0), uint16_t(0x0102), 0x03040506u, 0u));
     EXPECT_EQ(std::string(reinterpret_cast<const char *>(b + 272)), c.synced) << c.what;
     EXPECT_EQ(b[sizeof s - 1], 0) << "the rest is cleared";
   }

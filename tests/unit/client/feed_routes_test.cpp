@@ -4,6 +4,7 @@
 
 #include <set>
 #include <sstream>
+#include <tuple>
 
 #include "tools/rtm-feed/feed_routes.h"
 
@@ -31,12 +32,8 @@ TEST(FeedRoutes, FileOfBothFamiliesWithCommentsAndDefaults) {
   EXPECT_TRUE(f.hasV6);
 
   const FileRoute &a = f.routes[0];
-  EXPECT_EQ(a.line, 3u);
-  EXPECT_EQ(a.afIndex, 0);
-  EXPECT_EQ(a.prefixLen, 16);
-  EXPECT_EQ(rtmclient::addrToString(0, a.prefix), "10.1.0.0");
-  EXPECT_EQ(a.pref, 30);
-  EXPECT_EQ(a.metric, -5);
+  EXPECT_EQ(std::tuple(a.line, a.afIndex, a.prefixLen, rtmclient::addrToString(0, a.prefix), a.pref, a.metric),
+            std::tuple(3u, uint8_t(0), uint8_t(16), std::string("10.1.0.0"), uint16_t(30), -5));
   ASSERT_EQ(a.nnh, 2);
   EXPECT_EQ(rtmclient::addrToString(0, f.nexthops[a.nhFirst + 1].addr), "192.0.2.2");
   EXPECT_EQ(f.nexthops[a.nhFirst].vrfId, 7u) << "next hops live in the feed's VRF";
@@ -48,10 +45,8 @@ TEST(FeedRoutes, FileOfBothFamiliesWithCommentsAndDefaults) {
   EXPECT_EQ(f.nexthops[b.nhFirst].ifindex, 12u);
 
   const FileRoute &c = f.routes[2];
-  EXPECT_EQ(c.afIndex, 2);
-  EXPECT_EQ(c.prefixLen, 48);
-  EXPECT_EQ(rtmclient::addrToString(2, c.prefix), "2001:db8:5::");
-  EXPECT_EQ(c.pref, 115);
+  EXPECT_EQ(std::tuple(c.afIndex, c.prefixLen, rtmclient::addrToString(2, c.prefix), c.pref),
+            std::tuple(uint8_t(2), uint8_t(48), std::string("2001:db8:5::"), uint16_t(115)));
 }
 
 TEST(FeedRoutes, EachBadLineIsNamedWithItsNumberAndWhatIsWrong) {

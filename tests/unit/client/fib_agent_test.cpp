@@ -6,6 +6,7 @@
 #include <cstring>
 #include <string>
 #include <vector>
+#include <tuple>
 
 #include "client/rtm_client_lib.h"
 #include "ipc/qor_ipc.h"
@@ -84,13 +85,7 @@ class FibAgentTest : public ::testing::Test {
     qorIpcReset();
     qorLogSetEcho(true);
   }
-  FibAgent::Options options() {
-    FibAgent::Options o;
-    o.svce = kAgentSvce;
-    o.inst = kAgentInst;
-    o.name = "fib-test";
-    return o;
-  }
+  static FibAgent::Options options() { return {.svce = kAgentSvce, .inst = kAgentInst, .name = "fib-test"}; }
   // Sends msg as rtmd's sequenced message `seq` on its download queue.
   void post(std::vector<uint8_t> msg, uint32_t seq, uint32_t queue = kQueue) {
     st32(msg.data(), SWP_OFF_QUEUE, queue);
@@ -136,9 +131,7 @@ TEST_F(FibAgentTest, CommandsBuildTheTableAndAFreshDownloadEmptiesOnlyItsVrf) {
   EXPECT_EQ(a.dump(),
             "0 10.1.0.0/16 proto 5 metric 7 nh 198.51.100.1%8@0\n"
             "3 10.1.0.0/16 proto 7 metric 1 nh 192.0.2.3%2@0\n");
-  EXPECT_EQ(a.stats().adds, 4u);
-  EXPECT_EQ(a.stats().dels, 2u);
-  EXPECT_EQ(a.stats().delsUnknown, 1u);
+  EXPECT_EQ(std::tuple(a.stats().adds, a.stats().dels, a.stats().delsUnknown), std::tuple(4u, 2u, 1u));
 
   send(a, begins(3, RTM_IPV4UNI_AFINDEX), 43);
   EXPECT_EQ(a.dump(), "0 10.1.0.0/16 proto 5 metric 7 nh 198.51.100.1%8@0\n");
@@ -146,8 +139,7 @@ TEST_F(FibAgentTest, CommandsBuildTheTableAndAFreshDownloadEmptiesOnlyItsVrf) {
   send(a, begins(0, RTM_IPV6UNI_AFINDEX), 44);  // another family's VRF 0: ours stays
   EXPECT_EQ(a.routeCount(), 1u);
   EXPECT_EQ(acks(), (std::vector<std::string>{"41/0", "42/0", "43/0", "44/0"}));
-  EXPECT_EQ(a.stats().messages, 4u);
-  EXPECT_EQ(a.stats().cntrlMsgs, 2u);
+  EXPECT_EQ(std::tuple(a.stats().messages, a.stats().cntrlMsgs), std::tuple(4u, 2u));
 }
 
 TEST_F(FibAgentTest, RepeatsAndGapsAreAcknowledgedButNotApplied) {
@@ -163,9 +155,7 @@ TEST_F(FibAgentTest, RepeatsAndGapsAreAcknowledgedButNotApplied) {
   send(a, add("10.0.3.0"), 3);
   send(a, download4({{FIB_OP_DEL, 0, "10.0.1.0", 24}}), 1, 0x4C0012);  // a second queue of rtmd's
   EXPECT_EQ(taken, (std::vector<uint32_t>{1, 2, 3, 1}));
-  EXPECT_EQ(a.stats().repeats, 1u);
-  EXPECT_EQ(a.stats().gaps, 1u);
-  EXPECT_EQ(a.stats().adds, 3u);
+  EXPECT_EQ(std::tuple(a.stats().repeats, a.stats().gaps, a.stats().adds), std::tuple(1u, 1u, 3u));
   EXPECT_EQ(a.routeCount(), 2u);
   EXPECT_EQ(acks(), (std::vector<std::string>{"1/0", "1/1", "1/2", "2/0", "3/0", "other 1/0"}));
 }
@@ -223,23 +213,11 @@ TEST_F(FibAgentTest, AnAgentToldToStopAcknowledgingTakesNothingMore) {
 }
 
 TEST(FibRouteText, OneLinePerRouteWithEverythingTheFibProgrammes) {
-  FibPrefix p;
-  p.afIndex = RTM_IPV6UNI_AFINDEX;
-  p.len = 48;
-  p.vrfId = 2;
+  FibPrefix p{.afIndex = RTM_IPV6UNI_AFINDEX, .len = 48, .vrfId = 2};
   ASSERT_TRUE(parseAddr(2, "2001:db8:1::", p.addr));
-  FibRoute r;
-  r.proto = 1;
-  r.metric = 3;
-  r.marker = FIB_MARKER_VRRP;
-  r.weighted = true;
-  r.nh.resize(2);
+  FibRoute r{.proto = 1, .metric = 3, .marker = FIB_MARKER_VRRP, .weighted = true,
+             .nh = {{.ifindex = 7, .weight = 2}, {.vrfId = 4, .weight = 1}}, .tlv = {0x0a, 0xff}};
   ASSERT_TRUE(parseAddr(2, "2001:db8::1", r.nh[0].addr));
-  r.nh[0].ifindex = 7;
-  r.nh[0].weight = 2;
-  r.nh[1].vrfId = 4;
-  r.nh[1].weight = 1;
-  r.tlv = {0x0a, 0xff};
   EXPECT_EQ(formatFibRoute(p, r), "2 2001:db8:1::/48 proto 1 metric 3 vrrp weighted nh 2001:db8::1%7@0*2 ::%0@4*1 tlv 0aff");
 }
 

@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "client/rtm_client_lib.h"
@@ -17,12 +18,11 @@ namespace {
 
 // An IPv4 download of four commands, as rtmd lays one out.
 const char *const kV4 =
-    "00 00 00 00 00 00 00 00 | 00 00 01 46 | 00 00 32 1e | 00 00 00 00 | 00 00 00 01"  // mlen 326, type, 1
+    "00*8 | 00 00 01 46 | 00 00 32 1e | 00 00 00 00 | 00 00 00 01"  // mlen 326, type, 1
     "00 00 00 00 00 00 00 00 | 00 00 12 34"                                            // tick
-    "00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00"          // 36..59
+    "00*24 "  // 36..59
     "11 11 00 01 | 00 00 00 05"                                                        // SWP handle, seq
-    "00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00"
-    "00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00"  // to 127
+    "00*60 "  // to 127
     "00 00 00 00 | 00 00 00 02 | 00 00 00 02 | 00 00 20 00 | 00 00 00 00"  // 128: 2 adds, 2 dels, 8192, af 0
     // add 10.1.0.0/16 from BGP, metric 100, weighted, two next hops, TLV aa bb
     "00 00 00 01 00 00 00 00 00 00 00 00 0a 01 00 00 00 00 00 07 00 00 00 64 10 02 00 02 01 00 00 00"
@@ -39,12 +39,11 @@ const char *const kV4 =
 
 // An IPv6 download: an add and a delete.
 const char *const kV6 =
-    "00 00 00 00 00 00 00 00 | 00 00 01 08 | 00 00 32 21 | 00 00 00 00 | 00 00 00 01"  // mlen 264
+    "00*8 | 00 00 01 08 | 00 00 32 21 | 00 00 00 00 | 00 00 00 01"  // mlen 264
     "00 00 00 00 00 00 00 00 | 00 00 00 07"
-    "00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00"
+    "00*24 "
     "22 22 00 01 | 00 00 00 01"
-    "00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00"
-    "00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00"  // to 127
+    "00*60 "  // to 127
     "00 00 00 00 | 00 00 00 01 | 00 00 00 01 | 00 00 20 00 | 02 00 00 00"
     // add 2001:db8:1::/48 from BGP, metric 50, one next hop 2001:db8::1 on ifindex 6
     "00 00 00 01 | 00 00 00 00 | 20 01 0d b8 00 01 00 00 00 00 00 00 00 00 00 00 | 30 00 00 00"
@@ -95,27 +94,17 @@ TEST(FibMsgs, RouteDownloadsOfBothFamiliesDecodeToTheirCommands) {
     ASSERT_EQ(m.size(), rtm::ld32(m.data(), IPC_OFF_MLEN));
     FibRouteMsg out;
     ASSERT_EQ(decodeFibRoutes(m.data(), m.size(), &out), RTM_WIRE_OK);
-    EXPECT_EQ(out.afIndex, c.af);
-    EXPECT_EQ(out.adds, c.adds);
-    EXPECT_EQ(out.dels, c.dels);
-    EXPECT_EQ(out.capacity, 8192u);
-    EXPECT_EQ(out.tick, c.tick);
+    EXPECT_EQ(std::tuple(out.afIndex, out.adds, out.dels, out.capacity, out.tick),
+              std::tuple(c.af, c.adds, c.dels, 8192u, c.tick));
     ASSERT_EQ(out.cmds.size(), c.cmds.size());
     for (size_t i = 0; i < c.cmds.size(); ++i) {
       const FibCmd &g = out.cmds[i];
       const Want &w = c.cmds[i];
       SCOPED_TRACE(w.prefix);
-      EXPECT_EQ(g.op, w.op);
-      EXPECT_EQ(g.vrfId, w.vrf);
-      EXPECT_EQ(addrToString(c.af, g.prefix), w.prefix);
-      EXPECT_EQ(g.prefixLen, w.plen);
-      EXPECT_EQ(g.proto, w.proto);
-      EXPECT_EQ(g.metric, w.metric);
-      EXPECT_EQ(g.marker, w.marker);
-      EXPECT_EQ(g.weighted, w.weighted);
-      EXPECT_EQ(g.nnhField, w.nnhField);
-      EXPECT_EQ(nhText(c.af, g), w.nh);
-      EXPECT_EQ(std::string(reinterpret_cast<const char *>(g.tlv), g.tlvlen), w.tlv);
+      const std::string tlv(reinterpret_cast<const char *>(g.tlv), g.tlvlen);
+      EXPECT_EQ(std::tuple(g.op, g.vrfId, addrToString(c.af, g.prefix), g.prefixLen, g.proto, g.metric, g.marker,
+                           g.weighted, g.nnhField, nhText(c.af, g), tlv),
+                std::tuple(w.op, w.vrf, w.prefix, w.plen, w.proto, w.metric, w.marker, w.weighted, w.nnhField, w.nh, w.tlv));
     }
   }
 }
@@ -189,12 +178,10 @@ TEST(FibMsgs, EveryCutOfARouteDownloadIsRefused) {
 
 TEST(FibMsgs, NextHopBundles) {
   const char *const bundle =
-      "00 00 00 00 00 00 00 00 | 00 00 00 b4 | 00 00 32 2a | 00 00 00 00 | 00 00 00 01"  // mlen 180
-      "00 00 00 00 00 00 00 00 00 00 00 00"
-      "00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00"
+      "00*8 | 00 00 00 b4 | 00 00 32 2a | 00 00 00 00 | 00 00 00 01"  // mlen 180
+      "00*36 "  // 24..59
       "33 33 00 01 00 00 00 02"
-      "00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00"
-      "00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00"  // to 127
+      "00*60 "  // to 127
       "00 00 00 02"                                                         // two records
       "00 00 00 01 | 00 00 00 00 | c0 00 02 01 | 00 00 00 05 | 00 00 00 00 00 00 00 00"
       "00 00 00 02 | 00 00 00 03 | 7f 00 00 01 | 00 00 00 00 | 00 00 00 00 00 00 00 00";
@@ -202,12 +189,8 @@ TEST(FibMsgs, NextHopBundles) {
   std::vector<FibNhRecord> out;
   ASSERT_EQ(decodeFibNextHops(golden.data(), golden.size(), false, &out), RTM_WIRE_OK);
   ASSERT_EQ(out.size(), 2u);
-  EXPECT_EQ(out[0].op, RTM_NH_OP_ADD);
-  EXPECT_EQ(addrToString(0, out[0].addr), "192.0.2.1");
-  EXPECT_EQ(out[0].ifindex, 5u);
-  EXPECT_EQ(out[1].op, RTM_NH_OP_DEL);
-  EXPECT_EQ(out[1].vrfId, 3u);
-  EXPECT_EQ(addrToString(0, out[1].addr), "127.0.0.1");
+  EXPECT_EQ(std::tuple(out[0].op, addrToString(0, out[0].addr), out[0].ifindex), std::tuple(RTM_NH_OP_ADD, "192.0.2.1", 5u));
+  EXPECT_EQ(std::tuple(out[1].op, addrToString(0, out[1].addr), out[1].vrfId), std::tuple(RTM_NH_OP_DEL, "127.0.0.1", 3u));
 
   // The replay to an IPv6 agent: the address runs on from byte 8, the ifindex over its 2nd word.
   std::vector<uint8_t> v6 = golden;
@@ -241,11 +224,7 @@ TEST(FibMsgs, NextHopBundles) {
 
 TEST(FibMsgs, DownloadControlCarriesTheHandleInTheFamilysHalf) {
   const char *const start4 =
-      "00 00 00 00 00 00 00 00 | 00 00 00 90 | 00 00 32 55"
-      "00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00"
-      "00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00"
-      "00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00"
-      "00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00"  // 16..127 zero
+      "00*8 | 00 00 00 90 | 00 00 32 55 | 00*112 "  // 16..127 zero
       "00 05 00 00 | 00 00 00 01 | 00 00 00 03 | 00 00 00 00";  // handle 5 above, start, VRF 3, af 0
   uint8_t buf[DNLD_CNTRL_MSG_LEN + 8];
   ASSERT_EQ(encodeDnldCntrl(5, RTM_IPV4UNI_AFINDEX, RTM_CNTRL_START_DNLD, 3, buf, sizeof buf), DNLD_CNTRL_MSG_LEN);

@@ -12,6 +12,7 @@
 #include <string>
 #include <thread>
 #include <vector>
+#include <tuple>
 
 #include "client/rtm_client_lib.h"
 #include "ipc/qor_ipc.h"
@@ -132,26 +133,12 @@ class ProtoClientTest : public ::testing::Test {
     qorLogSetEcho(true);
   }
   static ProtoClient::Options options(uint32_t window = 24, uint32_t size = 48) {
-    ProtoClient::Options o;
-    o.svce = kClientSvce;
-    o.inst = kClientInst;
-    o.proto = RTM_PROTO_OSPF;
-    o.instance = 5;
-    o.name = "ospf-5";
-    o.window = window;
-    o.size = size;
-    o.replyWaitMs = 500;
-    o.replyRetries = 0;
-    return o;
+    return {.svce = kClientSvce, .inst = kClientInst, .proto = RTM_PROTO_OSPF, .instance = 5, .name = "ospf-5",
+            .window = window, .size = size, .replyWaitMs = 500, .replyRetries = 0};
   }
   static Route route(uint32_t i, const NextHop *nh) {
-    Route r;
-    r.prefixLen = 32;
+    Route r{.prefixLen = 32, .pref = 110, .proto = RTM_PROTO_OSPF, .nh = nh, .nnh = 1};
     rtm::st32(r.prefix, 0, 0x0A000000 + i);
-    r.proto = RTM_PROTO_OSPF;
-    r.pref = 110;
-    r.nh = nh;
-    r.nnh = 1;
     return r;
   }
   rtmtest::TempDir dir;
@@ -171,14 +158,10 @@ TEST_F(ProtoClientTest, WindowBoundsWhatIsInFlightAndEveryRouteArrivesOnceInOrde
   std::lock_guard<std::mutex> lk(rtmd.mu);
   ASSERT_EQ(rtmd.regs.size(), 1u);
   const RegRequest &r = rtmd.regs[0];
-  EXPECT_EQ(r.mtype, MT_RTM_REG_CLIENT);
-  EXPECT_EQ(r.proto, RTM_PROTO_OSPF);
-  EXPECT_EQ(r.instance, 5u);
-  EXPECT_EQ(r.name, "ospf-5");
-  EXPECT_EQ(r.svce, kClientSvce) << "rtmd sends its streams to the endpoint named here";
-  EXPECT_EQ(r.ipcInst, kClientInst);
-  EXPECT_EQ(r.afIndex, RTM_IPV4UNI_AFINDEX);
-  EXPECT_EQ(r.multiQ, 0) << "one queue per family, one expected sequence";
+  // rtmd sends its streams to the endpoint named here; one queue per family, one expected sequence.
+  EXPECT_EQ(std::tuple(r.mtype, r.proto, r.instance, r.name, r.svce, r.ipcInst, r.afIndex, r.multiQ),
+            std::tuple(MT_RTM_REG_CLIENT, RTM_PROTO_OSPF, 5u, std::string("ospf-5"), kClientSvce, kClientInst,
+                       uint8_t(RTM_IPV4UNI_AFINDEX), uint16_t(0)));
 
   ASSERT_EQ(rtmd.updates.size(), 13u);
   EXPECT_LE(rtmd.maxOutstanding, 3u) << "never more than the window unacknowledged";

@@ -5,6 +5,7 @@
 #include "tests/unit/clients/rtmd_fixture.h"
 
 #include <string>
+#include <tuple>
 
 #include "chassis/qor_chassis.h"
 #include "nexthop/rtm_nh.h"
@@ -53,15 +54,9 @@ TEST_F(Clients, EachKindOfClientGetsItsRowQueuesAndVrf) {
     ASSERT_EQ(reg(p, c.reg, &cid), RTM_REG_OK);
     rt_client *rtc = rtmClientGetByHandle(c.row, cid);
     ASSERT_NE(rtc, nullptr);
-    EXPECT_EQ(rtc->rtc_proto, c.reg.proto);
-    EXPECT_EQ(rtc->rtc_vrfId, c.vrfId);
-    EXPECT_EQ(queueExists(rtc->rtc_redistQ), c.redistQ);
-    EXPECT_EQ(queueExists(rtc->rtc_dnldQ), c.dnldQ);
-    EXPECT_EQ(rtc->rtc_type, c.type);
-    EXPECT_EQ(rtc->rtc_filter, c.filter);
-    EXPECT_EQ(rtc->rtc_filterState, c.filterState);
-    EXPECT_EQ(rtc->rtc_dnldState, RTC_Q_REGISTERED);
-    EXPECT_EQ(rtc->rtc_slot, 0);
+    EXPECT_EQ(std::tuple(rtc->rtc_proto, rtc->rtc_vrfId, queueExists(rtc->rtc_redistQ), queueExists(rtc->rtc_dnldQ),
+                         rtc->rtc_type, rtc->rtc_filter, rtc->rtc_filterState, rtc->rtc_dnldState, rtc->rtc_slot),
+              std::tuple(c.reg.proto, c.vrfId, c.redistQ, c.dnldQ, c.type, c.filter, c.filterState, RTC_Q_REGISTERED, 0));
     // A download client starts on the regular list; the download thread may already have found it
     // level with the group and promoted it.
     EXPECT_EQ(rtmClientOnList(&regularClients[c.row], rtc) || rtmClientOnList(&superClients[c.row], rtc), c.dnldQ);
@@ -145,9 +140,7 @@ TEST_F(Clients, AnAgentsTwoFamiliesShareOneQueueAndOneExpectedSequence) {
     EXPECT_EQ(r6->rtc_dnldQ, q);
     // The agent's messages of both families run in one sequence.
     auto control = [&](uint32_t cid, uint8_t af, uint32_t seq) {
-      Msg m(144, 0);
-      st32(m.data(), IPC_OFF_MLEN, 144);
-      st32(m.data(), IPC_OFF_MTYPE, MT_RTM_DNLD_CNTRL);
+      Msg m = message(MT_RTM_DNLD_CNTRL, 144);
       st32(m.data(), SWP_OFF_QUEUE, 5);
       st32(m.data(), SWP_OFF_SEQ, seq);
       st32(m.data(), 128, cid);
@@ -192,8 +185,7 @@ TEST_F(Clients, AFibAgentWaitsForItsSlotsInterfaceDownload) {
 TEST_F(Clients, BothFamiliesAtOnceOrNeither) {
   Peer &p = open(730);
   uint32_t both = 0;
-  Reg r{RTM_PROTO_BGP, 1};
-  r.mtype = MT_RTM_REG_CLIENT_BOTH;
+  Reg r{.proto = RTM_PROTO_BGP, .instance = 1, .mtype = MT_RTM_REG_CLIENT_BOTH};
   ASSERT_EQ(reg(p, r, &both), RTM_REG_OK);
   rt_client *r4 = rtmClientGet(0, RTM_PROTO_BGP, 1), *r6 = rtmClientGet(2, RTM_PROTO_BGP, 1);
   ASSERT_TRUE(r4 && r6);
@@ -208,8 +200,7 @@ TEST_F(Clients, BothFamiliesAtOnceOrNeither) {
     uint32_t cid;
     ASSERT_EQ(_rtmRegisterClient(2, RTM_PROTO_STATIC, "static", 0, i + 1, 0, 0, 0, 0, &cid, 0, 0), RTM_REG_NEW);
   }
-  Reg r2{RTM_PROTO_OSPF, 4};
-  r2.mtype = MT_RTM_REG_CLIENT_BOTH;
+  Reg r2{.proto = RTM_PROTO_OSPF, .instance = 4, .mtype = MT_RTM_REG_CLIENT_BOTH};
   EXPECT_EQ(reg(p, r2, &again), RTM_REG_FAILED);
   EXPECT_EQ(again, 0u);
   EXPECT_EQ(rtmClientGet(0, RTM_PROTO_OSPF, 4), nullptr);
@@ -339,9 +330,7 @@ TEST_F(Clients, MalformedMessagesAreRefusedWithAnEventAndNothingApplied) {
     st32(m.data(), IPC_OFF_MLEN, len);
     return m;
   };
-  Reg bigQueues{RTM_PROTO_OSPF};
-  bigQueues.multiQ = 1;
-  bigQueues.noOfQs = MAX_VRF + 1;
+  Reg bigQueues{.proto = RTM_PROTO_OSPF, .multiQ = 1, .noOfQs = MAX_VRF + 1};
   Msg nonRt = regWith({}, RTM_NONRT_MSG_LEN);
   st32(nonRt.data(), IPC_OFF_MTYPE, MT_RTM_REG_NONRT_CLIENT);
   st32(nonRt.data(), RTM_NONRT_OFF_SELECT, 3);
@@ -410,9 +399,7 @@ TEST_F(Clients, ACardGoingDownTakesItsAgentsAndTheirQueue) {
   ASSERT_EQ(reg(fib, {RTM_PROTO_FIB, 0, 2}, &c6), RTM_REG_OK);
   ASSERT_EQ(reg(ospf, {RTM_PROTO_OSPF}, &o), RTM_REG_OK);
   uint32_t q = rt_client_tbl[0][c4].rtc_dnldQ;
-  Msg e(RTM_EVT_MSG_LEN, 0);
-  st32(e.data(), IPC_OFF_MLEN, RTM_EVT_MSG_LEN);
-  st32(e.data(), IPC_OFF_MTYPE, MT_EVT_NOTIFY);
+  Msg e = message(MT_EVT_NOTIFY, RTM_EVT_MSG_LEN);
   st32(e.data(), RTM_EVT_OFF_EVENT, RTM_EVT_ZLK_PEER_STATUS);
   send(ospf, e);
   EXPECT_EQ(zlk, 1);
@@ -518,9 +505,7 @@ TEST_F(Clients, QualifiersTieOspfInstancesToVrfs) {
   EXPECT_EQ(ospfMap6, nullptr);  // no OSPF client of IPv6 yet
   uint32_t seq = 1;
   auto qual = [&](uint32_t mtype, uint32_t who, uint32_t instance, uint32_t vrfId) {
-    Msg m(RTM_QUAL_MSG_LEN, 0);
-    st32(m.data(), IPC_OFF_MLEN, RTM_QUAL_MSG_LEN);
-    st32(m.data(), IPC_OFF_MTYPE, mtype);
+    Msg m = message(mtype, RTM_QUAL_MSG_LEN);
     st32(m.data(), SWP_OFF_QUEUE, 9);
     st32(m.data(), SWP_OFF_SEQ, seq++);
     st32(m.data(), RTM_QUAL_OFF_CID, who);

@@ -1,6 +1,8 @@
 // Flushes, clears and the download filter, driven by their messages over real sockets: what
 // leaves the RIB, what the protocols and agents are sent (to the byte where it matters), the
 // blocked state a clear leaves until the answer with the right key, and the filter's moves.
+#include <tuple>
+
 #include "cfg/qor_cfg.h"
 #include "rtm/rtm_clear_msgs.h"
 #include "tests/unit/clients/rtmd_fixture.h"
@@ -37,9 +39,7 @@ class Flush : public RtmdTest {
   }
   // A protocol of every VRF: only the VRF form of the registration keeps the VRF it names.
   static Reg everyVrf(uint32_t proto, uint8_t af) {
-    Reg r{proto, 0, af, ALL_VRF_ID};
-    r.mtype = MT_RTM_REG_CLIENT_VRF;
-    return r;
+    return {.proto = proto, .afIndex = af, .vrfId = ALL_VRF_ID, .mtype = MT_RTM_REG_CLIENT_VRF};
   }
   static Route route(uint8_t af, uint32_t proto, const char *prefix, uint32_t vrf = 0, uint16_t pref = 110) {
     Route r(af);
@@ -56,12 +56,6 @@ class Flush : public RtmdTest {
   static bool routed(uint8_t af, const char *prefix, uint32_t vrf = 0) {
     rt_head *h = head(af, prefix, vrf);
     return h && h->rtmh_rte;
-  }
-  static Msg message(uint32_t mtype, uint32_t len) {
-    Msg m(len, 0);
-    st32(m.data(), IPC_OFF_MLEN, len);
-    st32(m.data(), IPC_OFF_MTYPE, mtype);
-    return m;
   }
   // A message of client `cid` of the family on its SWP queue, in its sequence.
   void sendSeq(Peer &p, uint8_t af, uint32_t cid, Msg m) {
@@ -168,12 +162,9 @@ TEST_F(Flush, AClearBlocksEachProtocolUntilItAnswersWithTheKey) {
   ASSERT_EQ(flush.size(), 1u);
   const uint8_t *f = flush[0].data();
   ASSERT_EQ(flush[0].size(), RTM_CLR_MSG_LEN);
-  EXPECT_EQ(ld32(f, IPC_OFF_MLEN), RTM_CLR_MSG_LEN);
-  EXPECT_EQ(ld32(f, IPC_OFF_MSTATUS), 1u);
-  EXPECT_EQ(ld32(f, RTM_CLR_OFF_ALL), 1u);
-  EXPECT_EQ(f[RTM_CLR_OFF_AFINDEX], 0);
-  EXPECT_EQ(ld32(f, RTM_CLR_OFF_KEY), 1u);
-  EXPECT_EQ(ld32(f, RTM_CLR_OFF_VRFID), 0u);
+  EXPECT_EQ(std::tuple(ld32(f, IPC_OFF_MLEN), ld32(f, IPC_OFF_MSTATUS), ld32(f, RTM_CLR_OFF_ALL), f[RTM_CLR_OFF_AFINDEX],
+                       ld32(f, RTM_CLR_OFF_KEY), ld32(f, RTM_CLR_OFF_VRFID)),
+            std::tuple(RTM_CLR_MSG_LEN, 1u, 1u, uint8_t(0), 1u, 0u));
   for (size_t i = RTM_CLR_OFF_CID; i < RTM_CLR_OFF_ALL; ++i) EXPECT_EQ(f[i], 0) << i;
   EXPECT_EQ(ofType(received(q), MT_RTM_CLR_ROUTE).size(), 1u);
 
@@ -256,10 +247,9 @@ TEST_F(Flush, ClearFibStartsTheAgentAfreshOnTheRegularList) {
   std::vector<Msg> marks = ofType(received(agent), MT_RTM_DNLD_CNTRL);
   ASSERT_EQ(marks.size(), 1u);
   ASSERT_EQ(marks[0].size(), 144u);
-  EXPECT_EQ(ld32(marks[0].data(), 128), 0u);  // the version word
-  EXPECT_EQ(ld32(marks[0].data(), 132), RTM_CNTRL_DNLD_BEGINS);
-  EXPECT_EQ(ld32(marks[0].data(), 136), 0u);  // the VRF
-  EXPECT_EQ(marks[0][140], 0);                // the family
+  // The version word, the action, the VRF and the family.
+  EXPECT_EQ(std::tuple(ld32(marks[0].data(), 128), ld32(marks[0].data(), 132), ld32(marks[0].data(), 136), marks[0][140]),
+            std::tuple(0u, RTM_CNTRL_DNLD_BEGINS, 0u, uint8_t(0)));
   // The message is answered with status 0, for a client it does not know too.
   for (uint32_t cid : {fib, 40u}) {
     SCOPED_TRACE(cid);
@@ -305,13 +295,10 @@ TEST_F(Flush, TheFilterMovesAgentsOffTheSuperListAndIsKeptInTheConfiguration) {
     std::vector<Msg> status = ofType(received(cli), MT_NM_CMD);
     ASSERT_EQ(status.size(), 1u);
     EXPECT_EQ(ld32(status[0].data(), RTM_NM_OFF_STATUS), 0u);
-    EXPECT_EQ(rtmCurrentFilterState, s.state);
-    EXPECT_EQ(i0->rtc_filterState, s.ipm0);
-    EXPECT_EQ(i1->rtc_filterState, s.ipm1);
-    EXPECT_EQ(rtmClientOnList(&superClients[0], i0), s.ipm0 == 1);
-    EXPECT_EQ(cfgText(0), s.line);
-    EXPECT_EQ(lastSynced(), s.synced);
-    EXPECT_EQ(qorLogCount(0x148004), s.cmd == 99 ? 1u : 0u);
+    EXPECT_EQ(std::tuple(rtmCurrentFilterState, i0->rtc_filterState, i1->rtc_filterState,
+                         rtmClientOnList(&superClients[0], i0), cfgText(0), lastSynced(), qorLogCount(0x148004)),
+              std::tuple(s.state, s.ipm0, s.ipm1, s.ipm0 == 1, std::string(s.line), std::string(s.synced),
+                         s.cmd == 99 ? 1u : 0u));
     // VRF 0 is served afresh under the new rule: the protocols are asked for their routes.
     EXPECT_EQ(ofType(received(ospf), MT_RTM_CLR_ROUTE).size(), 1u);
   }
@@ -343,12 +330,9 @@ TEST_F(Flush, BgpRoutesToIpmInstanceOne) {
     st32(m.data(), RTM_REDNLD_OFF_AFINDEX, s.af);
     send(cli, m);
     EXPECT_EQ(ld32(ofType(received(cli), MT_NM_CMD).at(0).data(), RTM_NM_OFF_STATUS), 0u);
-    EXPECT_EQ(rtmDownloadBgpRoutesToIpm1[s.af ? 2 : 0], s.flag);
-    EXPECT_EQ(i1->rtc_filterState, s.ipm1State);
-    EXPECT_EQ(cfgText(s.key), s.line);
-    EXPECT_EQ(lastSynced(), s.synced);
-    EXPECT_EQ(rtmh_version(head(0, "10.1.0.0")) > vb, s.bgpMoves);
-    EXPECT_EQ(rtmh_version(head(0, "10.2.0.0")), vo);
+    EXPECT_EQ(std::tuple(rtmDownloadBgpRoutesToIpm1[s.af ? 2 : 0], i1->rtc_filterState, cfgText(s.key), lastSynced(),
+                         rtmh_version(head(0, "10.1.0.0")) > vb, rtmh_version(head(0, "10.2.0.0"))),
+              std::tuple(s.flag, s.ipm1State, std::string(s.line), std::string(s.synced), s.bgpMoves, vo));
   }
 }
 

@@ -77,10 +77,16 @@ class RtmdTest : public ::testing::Test {
     return peers.back();
   }
 
+  // A zeroed message of len bytes with its header's length and type filled in.
+  static Msg message(uint32_t mtype, uint32_t len) {
+    Msg m(len, 0);
+    rtm::st32(m.data(), IPC_OFF_MLEN, len);
+    rtm::st32(m.data(), IPC_OFF_MTYPE, mtype);
+    return m;
+  }
+
   static Msg regMsg(const Peer &p, const Reg &r) {
-    Msg m(RTM_REG_MSG_LEN, 0);
-    rtm::st32(m.data(), IPC_OFF_MLEN, RTM_REG_MSG_LEN);
-    rtm::st32(m.data(), IPC_OFF_MTYPE, r.mtype);
+    Msg m = message(r.mtype, RTM_REG_MSG_LEN);
     strncpy(reinterpret_cast<char *>(m.data() + RTM_REG_OFF_NAME), r.name, RTM_REG_NAME_LEN);
     rtm::st32(m.data(), RTM_REG_OFF_PROTO, r.proto);
     rtm::st32(m.data(), RTM_REG_OFF_INSTANCE, r.instance);
@@ -98,18 +104,14 @@ class RtmdTest : public ::testing::Test {
   static Msg deregMsg(uint32_t mtype, uint32_t cid, uint8_t af = 0) {
     const bool one = mtype == MT_RTM_DEREG_AF_CLIENT, both = mtype == MT_RTM_DEREG_CLIENT_BOTH;
     const uint32_t len = one ? RTM_DEREG_AF_MSG_LEN : both ? RTM_DEREG_BOTH_MSG_LEN : RTM_DEREG_MSG_LEN;
-    Msg m(len, 0);
-    rtm::st32(m.data(), IPC_OFF_MLEN, len);
-    rtm::st32(m.data(), IPC_OFF_MTYPE, mtype);
+    Msg m = message(mtype, len);
     rtm::st32(m.data(), RTM_DEREG_OFF_CID, cid);
     if (!both) m[one ? RTM_DEREG_AF_OFF_AFINDEX : RTM_DEREG_OFF_AFINDEX] = af;
     return m;
   }
   // The ARP (select RTM_NONRT_ARP) or NDP manager announcing itself from peer p.
   static Msg nonRtMsg(const Peer &p, uint32_t select) {
-    Msg m(RTM_NONRT_MSG_LEN, 0);
-    rtm::st32(m.data(), IPC_OFF_MLEN, RTM_NONRT_MSG_LEN);
-    rtm::st32(m.data(), IPC_OFF_MTYPE, MT_RTM_REG_NONRT_CLIENT);
+    Msg m = message(MT_RTM_REG_NONRT_CLIENT, RTM_NONRT_MSG_LEN);
     rtm::st32(m.data(), RTM_NONRT_OFF_SELECT, select);
     rtm::st32(m.data(), RTM_NONRT_OFF_SVCE, p.svce);
     rtm::st32(m.data(), RTM_NONRT_OFF_INST, p.inst);

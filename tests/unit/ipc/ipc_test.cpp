@@ -9,6 +9,7 @@
 #include <sys/un.h>
 #include <thread>
 #include <unistd.h>
+#include <tuple>
 
 #include "ipc/qor_ipc.h"
 #include "ipc_test_util.h"
@@ -141,10 +142,9 @@ TEST_F(IpcTest, ReplyGoesToTheRequestsSourceAndCountersAddUp) {
   EXPECT_TRUE(std::equal(before.begin(), before.end(), in.begin()));  // caller's buffer kept
 
   ASSERT_EQ(recv(aq, ans.data(), 8192), 80);
-  EXPECT_EQ(ld32(ans.data(), IPC_OFF_MSTATUS), 7u);
-  EXPECT_EQ(ld32(ans.data(), IPC_OFF_TRANSCODE), 0x1234u);
-  EXPECT_EQ(ld32(ans.data(), IPC_OFF_TGT_SVCE), qor_getQueueId(76, 0, 1));
-  EXPECT_EQ(ld32(ans.data(), IPC_OFF_SRC_SVCE), qor_getQueueId(138, 0, 1));
+  EXPECT_EQ(std::tuple(ld32(ans.data(), IPC_OFF_MSTATUS), ld32(ans.data(), IPC_OFF_TRANSCODE),
+                       ld32(ans.data(), IPC_OFF_TGT_SVCE), ld32(ans.data(), IPC_OFF_SRC_SVCE)),
+            std::tuple(7u, 0x1234u, qor_getQueueId(76, 0, 1), qor_getQueueId(138, 0, 1)));
   EXPECT_TRUE(std::equal(req.begin() + IPC_HDR_LEN, req.end(), ans.begin() + IPC_HDR_LEN));
 
   QorIpcStats sa, sb;

@@ -2,34 +2,20 @@
 #pragma once
 
 #include <cstdint>
-#include <cstdlib>
-#include <filesystem>
 #include <string>
 #include <vector>
 
 #include "ipc/qor_ipc.h"
 #include "rtm/rtm_wire.h"
+#include "tests/support/rtmd_process.h"
 
 namespace ipctest {
 
-class RunDir {
- public:
-  RunDir() {
-    char tmpl[] = "/tmp/rtm-ipc-XXXXXX";
-    char *d = mkdtemp(tmpl);
-    path_ = d ? d : "";
-    qorIpcSetRunDir(path_.c_str());
-  }
-  ~RunDir() {
-    qorIpcReset();
-    std::error_code ec;
-    std::filesystem::remove_all(path_, ec);
-  }
-  const std::string &path() const { return path_; }
-  std::string socket(const std::string &name) const { return path_ + "/ipc/" + name; }
-
- private:
-  std::string path_;
+// The process's endpoints live in a fresh directory for the test's lifetime.
+struct RunDir : rtmtest::TempDir {
+  RunDir() { qorIpcSetRunDir(path().c_str()); }
+  ~RunDir() { qorIpcReset(); }
+  std::string socket(const std::string &name) const { return path() + "/ipc/" + name; }
 };
 
 // A message of `len` bytes addressed to (svce, inst)'s queue of `kind`; payload bytes count up.
