@@ -831,11 +831,18 @@ void qorRadixPrefetch(const qor_radix_tree *tree, const void *key, unsigned pref
   if (!tree || !key || !tree->rdx_accel || prefixlen > tree->rdx_keyBits) return;
   const QorRadixAccel *a = tree->rdx_accel;
   const Key k = maskKey(loadKey(static_cast<const uint8_t *>(key), tree->rdx_keyBytes), prefixlen);
-  const uintptr_t *slot = &a->slot[blockOf(a, top32(k))];
+  const size_t block = blockOf(a, top32(k));
+  const uintptr_t *slot = &a->slot[block];
+  // A prefix shorter than the stride also updates the best short head of its blocks, which
+  // reads the entry of its first block and the head that entry names.
+  const bool isShort = prefixlen < a->bits;
   if (stage == 0) {
     __builtin_prefetch(slot);
+    if (isShort) __builtin_prefetch(&a->shortBest[block]);
     return;
   }
+  if (stage == 1 && isShort)
+    if (const qor_radix_hdr *b = a->shortBest[block]) prefetchNode(b);
   const qor_radix_node *n = slotStart(*slot);
   if (!n) return;
   if (stage == 1) {
@@ -847,7 +854,7 @@ void qorRadixPrefetch(const qor_radix_tree *tree, const void *key, unsigned pref
   // level deeper at each later stage, each read here having been fetched by the stage before.
   if (stage == 2)
     if (const qor_radix_node *p = parent(n)) prefetchNode(p);
-  if (prefixlen < a->bits) {
+  if (isShort) {
     // A shorter prefix's place is up from the block's node: one more level up at each stage
     // after the second, which fetched the node above.
     for (int level = 3; n; ++level) {
