@@ -199,22 +199,32 @@ TEST_F(Clearing, ALeavingClientsHolderBitsInEveryVrf) {
     uint32_t vrf;
     bool withRoute, otherHolder;
     bool moves;  // the head goes on the change list again, for a walker to free it
+    bool offList = false;  // linked in the tree without a version: only the tree's order finds it
   } cases[] = {
       {"withdrawn, held by the leaving client alone", 0, false, false, true},
       {"withdrawn, held by another client too", 0, false, true, false},
       {"with a route", 0, true, false, false},
       {"withdrawn in another VRF", kVrf, false, false, true},
+      {"a head the change list does not hold", 0, false, false, true, true},
   };
   std::vector<rt_head *> h;
   for (size_t i = 0; i < std::size(cases); ++i) {
     o->rtc_vrfId = cases[i].vrf;
-    Route r = ospf(f, f.p[i]);
+    const char *prefix = cases[i].offList ? "10.5.0.0" : f.p[i];
+    Route r = ospf(f, prefix);
     r.vrf(cases[i].vrf);
-    ASSERT_EQ(add(kOspf, r), RTM_SUCCESS);
-    if (!cases[i].withRoute) {
-      ASSERT_EQ(del(kOspf, r), RTM_SUCCESS);
+    qor_radix_tree *tree = rtmRibGetTree(f.af, cases[i].vrf);
+    if (cases[i].offList) {
+      rt_head *naked = rtmHeadAlloc(f.af, rtpPrefix(r.p(), f.af), f.plen);
+      ASSERT_NE(naked, nullptr);
+      ASSERT_NE(qorRadixInsert(tree, &naked->rtmh_rdx, f.plen), nullptr);
+    } else {
+      ASSERT_EQ(add(kOspf, r), RTM_SUCCESS);
+      if (!cases[i].withRoute) {
+        ASSERT_EQ(del(kOspf, r), RTM_SUCCESS);
+      }
     }
-    h.push_back(head(f.p[i], f.plen, f.af, rtmRibGetTree(f.af, cases[i].vrf)));
+    h.push_back(head(prefix, f.plen, f.af, tree));
     h[i]->rtmh_redlist[kHolder >> 3] |= 1u << (kHolder & 7);
     if (cases[i].otherHolder) h[i]->rtmh_redlist[kRip >> 3] |= 1u << (kRip & 7);
   }
