@@ -55,13 +55,16 @@ const char kUsage[] =
     "  --hold            stay registered afterwards, answering rtmd, until SIGINT or SIGTERM\n"
     "  --deregister      deregister before exiting (rtmd then drops all our routes)\n"
     "  --svce S          service number of our endpoint (default 300 + protocol number)\n"
-    "  --window W        update messages in flight unacknowledged (default 24)\n"
+    "  --window W        update messages in flight unacknowledged (default 64)\n"
     "  --quiet           print only errors and the rate line\n"
     "  --help            print this text\n";
 
+// The default window keeps messages waiting whenever rtmd's socket has room (the kernel queues
+// only a few datagrams a socket): rtmd then reads long bursts, and acknowledges them together.
+// With 24, a million routes to four agents took 5 to 8% longer in the median (20 alternate pairs).
 struct Args {
   std::string runDir, proto, file;
-  uint32_t protoId = 0, inst = 0, vrf = 0, svce = 0, window = 24, seed = 1;
+  uint32_t protoId = 0, inst = 0, vrf = 0, svce = 0, window = 64, seed = 1;
   bool haveInst = false, haveVrf = false, ipv6 = false, sequential = false;
   bool withdraw = false, hold = false, deregister = false, quiet = false;
   uint64_t generate = 0;
