@@ -226,14 +226,8 @@ size_t applyAll(RouteSet &s, Op op) {
   for (size_t m = 0; m < s.msgs.size(); ++m) {
     std::memcpy(rx, s.msgs[m].data(), rtm::ld32(s.msgs[m].data(), IPC_OFF_MLEN));
     const std::vector<uint32_t> &off = s.rtpOffsets[m];
-    const size_t n = off.size();
-    for (unsigned stage = 0; stage < RTM_PREFETCH_STAGES; ++stage)
-      for (size_t k = 0; k < rtmPrefetchAhead[stage] && k < n; ++k) prefetch(off[k], stage);
-    for (size_t i = 0; i < n; ++i) {
-      for (unsigned stage = 0; stage < RTM_PREFETCH_STAGES; ++stage)
-        if (i + rtmPrefetchAhead[stage] < n) prefetch(off[i + rtmPrefetchAhead[stage]], stage);
-      bad += op(RTM_IPV4UNI_AFINDEX, kCid, rx + off[i]) != RTM_SUCCESS;
-    }
+    rtmPrefetchPipeline(off.size(), [&](size_t j, unsigned stage) { prefetch(off[j], stage); },
+                        [&](size_t i) { bad += op(RTM_IPV4UNI_AFINDEX, kCid, rx + off[i]) != RTM_SUCCESS; });
   }
   rtmRibDeferWakeups(false);
   return bad;

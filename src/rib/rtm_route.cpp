@@ -747,11 +747,7 @@ int rtmUpdateRouteIPv4(uint8_t *msg, uint32_t len, rt_client *) {
     unsigned n = 0;
     while (n < kChunk && rtmRouteIterNext(&it, &els[n]) == RTM_WIRE_OK) ++n;
     if (n == 0) break;
-    for (unsigned st = 0; st < RTM_PREFETCH_STAGES; ++st)
-      for (unsigned k = 0; k < rtmPrefetchAhead[st] && k < n; ++k) prefetch(els[k].rtp, st);
-    for (unsigned i = 0; i < n; ++i) {
-      for (unsigned st = 0; st < RTM_PREFETCH_STAGES; ++st)
-        if (i + rtmPrefetchAhead[st] < n) prefetch(els[i + rtmPrefetchAhead[st]].rtp, st);
+    rtmPrefetchPipeline(n, [&](size_t j, unsigned st) { prefetch(els[j].rtp, st); }, [&](size_t i) {
       const rtm_route_elem &el = els[i];
       rtmConvertRtpParams(it.afIndex, el.rtp);
       switch (el.subCmd) {
@@ -769,7 +765,7 @@ int rtmUpdateRouteIPv4(uint8_t *msg, uint32_t len, rt_client *) {
           qorSysErr(rtmevkey, 0, 0x148004, 0, "RTM: rtmUpdateRoute", el.subCmd, el.index);
           break;
       }
-    }
+    });
   }
   rtmRibDeferWakeups(false);
   return RTM_SUCCESS;
