@@ -14,7 +14,7 @@
 //
 // Accelerator. At 1M prefixes a lookup from the root passes some 20 nodes, most of them cache
 // misses. Once a tree holds rdx_accelMin heads it builds a direct table on the first S key bits
-// (S from 16 to 20, growing with the tree so that a block holds about one prefix). Per block it
+// (S from 12 to 20, growing with the tree so that a block holds about one prefix). Per block it
 // keeps the topmost node of length >= S in the block (every prefix of S bits or more in the
 // block lies under it) or, for an empty block, a node above it from which an insert can start;
 // and the longest prefix shorter than S that covers the block. Exact and best lookups of S bits
@@ -33,7 +33,10 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <new>
+#include <thread>
+#include <utility>
 
 #include <sys/mman.h>
 
@@ -59,12 +62,29 @@ using namespace qor_radix_detail;
 // with bit 0 set, a node above the block whose prefix covers it (where an insert into the empty
 // block starts), or 0 (start at the root). The short prefixes are in an array of their own, so
 // the array every operation reads stays as small as it can be.
+struct QorRadixTablePrep;
 struct QorRadixAccel {
-  unsigned bits;
-  uint64_t growAt, shrinkAt;   // head counts at which the stride is reconsidered
-  size_t bytes;                // of both arrays, for the accounting
-  uintptr_t *slot;
-  qor_radix_hdr **shortBest;   // longest head shorter than `bits` covering the block
+  unsigned bits = 0;
+  uint64_t growAt = 0, shrinkAt = 0;  // head counts at which the stride is reconsidered
+  uint64_t prepAt = UINT64_MAX;       // head count at which the next table is made ready (growAt
+                                      // once it is under way)
+  size_t bytes = 0;                   // of both arrays, for the accounting
+  uintptr_t *slot = nullptr;
+  qor_radix_hdr **shortBest = nullptr;  // longest head shorter than `bits` covering the block
+  std::shared_ptr<QorRadixTablePrep> prep;  // the next table's memory, being made ready
+};
+
+// Memory for a tree's next, larger table, allocated and faulted in on a thread of its own while
+// the tree grows towards it. Memory the process has not used before is the dearest thing a
+// table load meets here (under a hypervisor a fresh page costs the host's fault as well as the
+// guest's): taken on the route path, the four tables a tree passes through on its way to a
+// million prefixes (21 MB in all) cost a fifth of the load. The pools' chunks are made ready
+// the same way (platform/mem). Shared by the tree and the thread, so that either may go first.
+struct QorRadixTablePrep {
+  size_t bytes = 0;
+  void *mem = nullptr;
+  std::atomic<bool> ready{false};
+  ~QorRadixTablePrep() { std::free(mem); }
 };
 
 namespace {
@@ -315,13 +335,19 @@ qor_radix_node *nextAfterKey(const qor_radix_tree *t, const Key &k, unsigned len
 
 // ---- Accelerator ----
 //
-// The stride follows the size of the tree, so that a block holds about one prefix: 16 bits at
-// rdx_accelMin heads, one more bit each time the tree doubles, at most 20. It is rebuilt
-// (O(heads)) only when the tree has grown or shrunk by a factor of about two past the point
-// where it was built; a growing tree skips a stride each time, so a table that fills up is
-// built three times rather than five.
+// The stride follows the size of the tree, so that a block holds about one prefix: 12 bits at
+// rdx_accelMin heads, one more bit each time the tree doubles, at most 20. It is remade only
+// when the tree has grown or shrunk by a factor of about two past the point where it was made;
+// a growing tree skips a stride each time. Growing derives the new table from the old one and
+// visits only the nodes between the two strides (accelGrow); building or shrinking walks the
+// top of the tree.
+//
+// The table starts small because a tree without one costs a descent from the root per insert,
+// twenty dependent misses at tens of thousands of prefixes, which no batch hint can fetch
+// ahead (the hints start at the table's slot): a table loading a million routes spent a tenth
+// of its time on its first 65,536 before the table came at that size.
 
-constexpr unsigned kAccelMinBits = 16;
+constexpr unsigned kAccelMinBits = 12;
 constexpr unsigned kAccelMaxBits = 20;
 
 unsigned accelBitsFor(const qor_radix_tree *t, uint64_t heads) {
@@ -333,10 +359,12 @@ unsigned accelBitsFor(const qor_radix_tree *t, uint64_t heads) {
 // Sizes at which a table of `bits` is rebuilt: the stride for them differs by more than one.
 void accelThresholds(const qor_radix_tree *t, QorRadixAccel *a) {
   const double min = double(t->rdx_accelMin);
-  a->growAt = a->bits >= kAccelMaxBits ? UINT64_MAX
-                                       : uint64_t(std::ceil(min * std::exp2(double(a->bits) - 15.5)));
-  a->shrinkAt = a->bits < kAccelMinBits + 2 ? t->rdx_accelMin / 4
-                                            : uint64_t(min * std::exp2(double(a->bits) - 17.5));
+  const double above = double(a->bits) - double(kAccelMinBits);
+  a->growAt = a->bits >= kAccelMaxBits ? UINT64_MAX : uint64_t(std::ceil(min * std::exp2(above + 0.5)));
+  a->shrinkAt = a->bits < kAccelMinBits + 2 ? t->rdx_accelMin / 4 : uint64_t(min * std::exp2(above - 1.5));
+  // Halfway there: at three million routes a second the largest table's growth is 60 ms away,
+  // more than the thread takes to make 16 MB ready.
+  a->prepAt = a->growAt == UINT64_MAX ? UINT64_MAX : a->growAt / 2;
 }
 
 // A node above the stride covers 2^(bits - length) blocks from its prefix on.
@@ -403,25 +431,66 @@ inline void accelShortRemove(qor_radix_tree *t, const qor_radix_node *n, qor_rad
     if (a->shortBest[i] == n) a->shortBest[i] = repl;
 }
 
-void accelDrop(qor_radix_tree *t) {
-  if (QorRadixAccel *a = t->rdx_accel) {
-    std::free(a->slot);
-    std::free(a);
-    t->rdx_accel = nullptr;
-  }
+void accelFree(QorRadixAccel *a) {
+  if (!a) return;
+  std::free(a->slot);
+  delete a;
 }
 
-// Large tables ask for huge pages: a lookup then costs no page walk for the table.
-void *tableAlloc(size_t bytes) {
+void accelDrop(qor_radix_tree *t) {
+  accelFree(t->rdx_accel);
+  t->rdx_accel = nullptr;
+}
+
+// Large tables ask for huge pages: a lookup then costs no page walk for the table. Cleared
+// unless the caller writes every entry itself.
+void *tableAlloc(size_t bytes, bool clear) {
   constexpr size_t kHuge = size_t(2) << 20;
-  if (bytes < kHuge) return std::calloc(1, bytes);
+  if (bytes < kHuge) return clear ? std::calloc(1, bytes) : std::malloc(bytes);
   void *p = std::aligned_alloc(kHuge, (bytes + kHuge - 1) / kHuge * kHuge);
   if (!p) return nullptr;
 #ifdef MADV_HUGEPAGE
   madvise(p, bytes, MADV_HUGEPAGE);
 #endif
-  std::memset(p, 0, bytes);
+  if (clear) std::memset(p, 0, bytes);
   return p;
+}
+
+constexpr size_t tableBytes(unsigned bits) { return 2 * (size_t(1) << bits) * sizeof(void *); }
+
+// Starts making the next table's memory ready. No thread, no memory: the growth allocates its
+// own, as it would have without this.
+void accelPrepare(QorRadixAccel *a) {
+  a->prepAt = a->growAt;  // the next look is for the growth itself
+  try {
+    auto prep = std::make_shared<QorRadixTablePrep>();
+    prep->bytes = tableBytes(std::min(a->bits + 2, kAccelMaxBits));
+    std::thread([prep] {
+      void *m = tableAlloc(prep->bytes, false);
+      if (m) {
+#ifdef MADV_POPULATE_WRITE
+        if (madvise(m, prep->bytes, MADV_POPULATE_WRITE) != 0)
+#endif
+          for (size_t i = 0; i < prep->bytes; i += 4096) static_cast<volatile char *>(m)[i] = 0;
+      }
+      prep->mem = m;
+      prep->ready.store(true, std::memory_order_release);
+      prep->ready.notify_all();
+    }).detach();
+    a->prep = std::move(prep);
+  } catch (...) {
+  }
+}
+
+// Memory held for the next table, counted as the tree's from the moment it is asked for.
+size_t accelPrepBytes(const QorRadixAccel *a) { return a->prep ? a->prep->bytes : 0; }
+
+// The prepared memory for a table of `bytes`, once it is ready; null when none was prepared.
+void *accelTakePrepared(QorRadixAccel *a, size_t bytes) {
+  std::shared_ptr<QorRadixTablePrep> p = std::move(a->prep);
+  if (!p || p->bytes != bytes) return nullptr;
+  p->ready.wait(false, std::memory_order_acquire);
+  return std::exchange(p->mem, nullptr);
 }
 
 inline void fillSlots(QorRadixAccel *a, size_t from, size_t to, uintptr_t v) {
@@ -431,6 +500,58 @@ inline void fillSlots(QorRadixAccel *a, size_t from, size_t to, uintptr_t v) {
 // Fills the table from the nodes above the stride: each edge below such a node y covers a
 // range of blocks; those of its range that no deeper node above the stride covers start from
 // y, and a child at or below the stride is the topmost node of its block.
+// Fills the blocks under nodes above the stride: each node's range, and its heads among the
+// short ones. The fill is a chase of pointers through the top of the tree (half a million
+// nodes in a full table), so it keeps fetches in flight: a node's children are fetched when it
+// goes on the stack, and the node taken next is one pushed `lag` steps ago, whose fetches are
+// done. Any order serves, so long as a node comes after its parent: each block's slot is
+// written by the one node that covers it deepest, and accelShortAdd keeps the longest head
+// whatever the order. Near a full stack it goes depth first, which the tree's depth (under 32
+// levels above any stride) bounds.
+class FillWalk {
+ public:
+  FillWalk(qor_radix_tree *t, QorRadixAccel *a, unsigned lag) : t_(t), a_(a), lag_(lag) {}
+  // A node above the stride whose children are yet to be fetched.
+  void push(qor_radix_node *y) {
+    if (qor_radix_node *c = child(y, 0)) prefetchNode(c);
+    if (qor_radix_node *c = child(y, 1)) prefetchNode(c);
+    stack_[sp_++] = y;
+  }
+  // Takes nodes while more than `keep` wait (0: until the walk is done).
+  void run(unsigned keep) {
+    while (sp_ > keep) step();
+  }
+
+ private:
+  static constexpr unsigned kStack = 256;
+  void step() {
+    const unsigned at = sp_ > lag_ && sp_ < kStack - 64 ? sp_ - lag_ : sp_ - 1;
+    qor_radix_node *y = stack_[at];
+    stack_[at] = stack_[--sp_];
+    if (isHead(y)) accelShortAdd(t_, y);
+    const size_t half = rangeCount(a_, y) / 2;
+    for (unsigned side = 0; side < 2; ++side) {
+      const size_t r0 = rangeFirst(a_, y) + side * half, r1 = r0 + half;
+      qor_radix_node *c = child(y, side);
+      if (c && blen(c) < a_->bits) {
+        const size_t c0 = rangeFirst(a_, c), c1 = c0 + rangeCount(a_, c);
+        fillSlots(a_, r0, c0, hintOf(y));
+        fillSlots(a_, c1, r1, hintOf(y));
+      } else {
+        fillSlots(a_, r0, r1, hintOf(y));
+        if (c) a_->slot[blockOf(a_, key32(c))] = reinterpret_cast<uintptr_t>(c);
+      }
+    }
+    for (int side = 1; side >= 0; --side)
+      if (qor_radix_node *c = child(y, side); c && blen(c) < a_->bits) push(c);
+  }
+  qor_radix_tree *t_;
+  QorRadixAccel *a_;
+  unsigned lag_;
+  qor_radix_node *stack_[kStack];
+  unsigned sp_ = 0;
+};
+
 void accelFill(qor_radix_tree *t, QorRadixAccel *a) {
   qor_radix_node *root = t->rdx_root;
   if (!root) return;
@@ -438,60 +559,87 @@ void accelFill(qor_radix_tree *t, QorRadixAccel *a) {
     a->slot[blockOf(a, key32(root))] = reinterpret_cast<uintptr_t>(root);
     return;
   }
-  // The fill is a chase of pointers through the whole top of the tree (half a million nodes in
-  // a full table), so it keeps fetches in flight: a node's children are fetched when it goes on
-  // the stack, and the node taken next is one pushed kLag steps ago, whose fetches are done.
-  // Any order serves, so long as a node comes after its parent: each block's slot is written
-  // by the one node that covers it deepest, and accelShortAdd keeps the longest head whatever
-  // the order. Near a full stack it goes depth first, which the tree's depth (under 32 levels
-  // above any stride) bounds.
-  constexpr unsigned kStack = 256, kLag = 8;
-  qor_radix_node *stack[kStack];
-  unsigned sp = 0;
-  stack[sp++] = root;
-  while (sp) {
-    const unsigned at = sp > kLag && sp < kStack - 64 ? sp - kLag : sp - 1;
-    qor_radix_node *y = stack[at];
-    stack[at] = stack[--sp];
-    if (isHead(y)) accelShortAdd(t, y);
-    const size_t half = rangeCount(a, y) / 2;
-    for (unsigned side = 0; side < 2; ++side) {
-      const size_t r0 = rangeFirst(a, y) + side * half, r1 = r0 + half;
-      qor_radix_node *c = child(y, side);
-      if (c && blen(c) < a->bits) {
-        const size_t c0 = rangeFirst(a, c), c1 = c0 + rangeCount(a, c);
-        fillSlots(a, r0, c0, hintOf(y));
-        fillSlots(a, c1, r1, hintOf(y));
-      } else {
-        fillSlots(a, r0, r1, hintOf(y));
-        if (c) a->slot[blockOf(a, key32(c))] = reinterpret_cast<uintptr_t>(c);
-      }
-    }
-    for (int side = 1; side >= 0; --side)
-      if (qor_radix_node *c = child(y, side); c && blen(c) < a->bits) {
-        if (qor_radix_node *g = child(c, 0)) prefetchNode(g);
-        if (qor_radix_node *g = child(c, 1)) prefetchNode(g);
-        stack[sp++] = c;
-      }
+  FillWalk walk(t, a, 8);
+  walk.push(root);
+  walk.run(0);
+}
+
+// A table of `bits` in `mem` (tableBytes(bits), null: allocated here, and cleared if `clear`),
+// or null when there is no memory for it.
+QorRadixAccel *accelNew(const qor_radix_tree *t, unsigned bits, bool clear, void *mem = nullptr) {
+  auto *a = new (std::nothrow) QorRadixAccel;
+  if (a && !mem) mem = tableAlloc(tableBytes(bits), clear);
+  if (!mem) {
+    delete a;
+    return nullptr;
   }
+  if (!a) {
+    std::free(mem);
+    return nullptr;
+  }
+  const size_t slots = size_t(1) << bits;
+  a->bits = bits;
+  a->bytes = tableBytes(bits);
+  a->slot = static_cast<uintptr_t *>(mem);
+  a->shortBest = reinterpret_cast<qor_radix_hdr **>(a->slot + slots);
+  accelThresholds(t, a);
+  return a;
 }
 
 void accelBuild(qor_radix_tree *t, unsigned bits) {
   accelDrop(t);
-  auto *a = static_cast<QorRadixAccel *>(std::calloc(1, sizeof(QorRadixAccel)));
-  const size_t slots = size_t(1) << bits;
-  void *mem = a ? tableAlloc(2 * slots * sizeof(void *)) : nullptr;
-  if (!mem) {  // lookups just start at the root
-    std::free(a);
+  QorRadixAccel *a = accelNew(t, bits, true);
+  if (!a) return;  // lookups just start at the root
+  t->rdx_accel = a;
+  accelFill(t, a);
+}
+
+// The table at a longer stride, made from the one the tree has. Each old block becomes
+// 2^(bits - old) blocks. An empty old block leaves its start to all of them, and so do the
+// short prefixes that covered it (the best of them to each). An old block's topmost node at or
+// below the new stride is the topmost node of one new block, and the others are empty and start
+// above it; a topmost node between the two strides has its range filled from it (after the
+// block's other blocks, which it may overwrite), which meets only the nodes between the strides. The old blocks' nodes are read one after the other
+// without depending on each other, so the reads overlap, instead of a chase down the whole top
+// of the tree.
+void accelGrow(qor_radix_tree *t, unsigned bits) {
+  QorRadixAccel *old = t->rdx_accel;
+  // Every entry is written below: the memory need not be cleared.
+  QorRadixAccel *a = accelNew(t, bits, false, accelTakePrepared(old, tableBytes(bits)));
+  if (!a) {  // no memory for the larger table: keep the one there is, and try again later
+    old->growAt = t->rdx_heads * 2;
+    old->prepAt = t->rdx_heads + 1;
     return;
   }
-  a->bits = bits;
-  a->bytes = 2 * slots * sizeof(void *);
-  a->slot = static_cast<uintptr_t *>(mem);
-  a->shortBest = reinterpret_cast<qor_radix_hdr **>(a->slot + slots);
-  t->rdx_accel = a;
-  accelThresholds(t, a);
-  accelFill(t, a);
+  t->rdx_accel = a;  // the walk puts the short heads it meets into the new table
+  const unsigned shift = bits - old->bits;
+  const size_t per = size_t(1) << shift, oldSlots = size_t(1) << old->bits;
+  // The walk below the blocks' nodes runs across blocks with a longer lag than a whole fill's:
+  // a step here is a few stores, and the fetches it waits for take as long.
+  constexpr size_t kAhead = 16;
+  constexpr unsigned kLag = 24;
+  FillWalk walk(t, a, kLag);
+  for (size_t b = 0; b < oldSlots; ++b) {
+    if (b + kAhead < oldSlots)
+      if (const qor_radix_node *n = slotTop(old->slot[b + kAhead])) prefetchNode(n);
+    const size_t first = b << shift;
+    for (size_t j = 0; j < per; ++j) a->shortBest[first + j] = old->shortBest[b];
+    const uintptr_t v = old->slot[b];
+    qor_radix_node *y = slotTop(v);
+    if (!y) {
+      fillSlots(a, first, first + per, v);
+      continue;
+    }
+    fillSlots(a, first, first + per, hintOf(parent(y)));
+    if (blen(y) >= bits) {
+      a->slot[blockOf(a, key32(y))] = reinterpret_cast<uintptr_t>(y);
+    } else {
+      walk.push(y);
+      walk.run(kLag);
+    }
+  }
+  walk.run(0);
+  accelFree(old);
 }
 
 // After a change of size: build, resize or drop the table.
@@ -506,9 +654,9 @@ void accelResize(qor_radix_tree *t) {
   if (!a) {
     if (h >= t->rdx_accelMin) accelBuild(t, want);
   } else if (want > a->bits) {
-    // Two bits at a time while growing: a rebuild is a pass over the top of the tree and a
-    // fresh table, and a table filling up grows through every stride otherwise.
-    accelBuild(t, std::min(want + 1, kAccelMaxBits));
+    // Two bits at a time while growing: each growth is a fresh table and a pass over the old
+    // one, and a table filling up grows through every stride otherwise.
+    accelGrow(t, std::min(want + 1, kAccelMaxBits));
   } else if (want + 1 < a->bits) {
     accelBuild(t, want + 1);
   }
@@ -620,8 +768,14 @@ qor_radix_hdr *insertHead(qor_radix_tree *t, qor_radix_hdr *head, unsigned len, 
   accelShortAdd(t, head);
   ++t->rdx_heads;
   ++t->rdx_gen;
-  if (t->rdx_accel ? t->rdx_heads >= t->rdx_accel->growAt : t->rdx_accelMin && t->rdx_heads >= t->rdx_accelMin)
+  if (QorRadixAccel *a = t->rdx_accel) {
+    if (t->rdx_heads >= a->prepAt) {
+      if (t->rdx_heads >= a->growAt) accelResize(t);
+      else accelPrepare(a);
+    }
+  } else if (t->rdx_accelMin && t->rdx_heads >= t->rdx_accelMin) {
     accelResize(t);
+  }
   return head;
 }
 
@@ -897,5 +1051,5 @@ void qorRadixPrefetchRemove(const qor_radix_tree *tree, const qor_radix_hdr *hea
 size_t qorRadixBytes(const qor_radix_tree *tree) {
   if (!tree) return 0;
   return sizeof(qor_radix_tree) + tree->rdx_nodeBytes +
-         (tree->rdx_accel ? sizeof(QorRadixAccel) + tree->rdx_accel->bytes : 0);
+         (tree->rdx_accel ? sizeof(QorRadixAccel) + tree->rdx_accel->bytes + accelPrepBytes(tree->rdx_accel) : 0);
 }

@@ -198,7 +198,7 @@ struct qor_radix_tree {
   uint32_t rdx_accelMin;         // heads at which the lookup accelerator is built (0: never)
   QorRadixAllocFn rdx_alloc;
   QorRadixFreeFn rdx_free;
-  QorRadixAccel *rdx_accel;      // direct table on the first 16 key bits, when built
+  QorRadixAccel *rdx_accel;      // direct table on the first 12 to 20 key bits, when built
   qor_radix_hdr rdl_anchor;      // ends of the change list (a circular list through it)
   char rdx_name[64];
 };
@@ -212,8 +212,9 @@ struct qor_radical_walker {
   uint64_t walker_version;
 };
 
-// Default heads at which a tree builds its lookup accelerator (1 MB per tree while built).
-constexpr uint32_t QOR_RADIX_ACCEL_MIN = 65536;
+// Default heads at which a tree builds its lookup accelerator: a table of 4,096 blocks (64 KB),
+// which grows with the tree to 2^20 blocks (16 MB) at about 370,000 heads.
+constexpr uint32_t QOR_RADIX_ACCEL_MIN = 4096;
 
 // ---- The tree ----
 
