@@ -58,6 +58,10 @@ struct SwpQueue {
   uint64_t deadline = 0;  // tick of the next retransmission round, while held is not empty
   uint32_t ackedSinceGrowth = 0;
   bool fastDone = false;  // the GAP-triggered round for the current oldest message was run
+  // The peer's socket turned a message back: nothing more is tried until the peer acknowledges
+  // (it has read) or the timer round comes. Each try at a full socket is a system call that
+  // fails, and a sender enqueuing a burst would otherwise make one per message.
+  bool peerFull = false;
 
   bool failed() const { return cb.status == QOR_SWP_STATUS_FAILED; }
   uint32_t window() const { return cb.window * cb.mult; }
@@ -144,17 +148,25 @@ bool sendEntry(SwpQueue &q, const Entry &e) {
 
 // Puts on the wire what the window allows, in order, stopping at the first refusal.
 void pushNew(SwpQueue &q) {
+  if (q.peerFull) return;
   size_t limit = std::min<size_t>(q.held.size(), q.window());
   while (q.nextUnsent < limit) {
-    if (!sendEntry(q, q.held[q.nextUnsent])) break;
+    if (!sendEntry(q, q.held[q.nextUnsent])) {
+      q.peerFull = true;
+      break;
+    }
     q.nextUnsent++;
     q.cb.sent++;
   }
 }
 
 void retransmit(SwpQueue &q) {
+  q.peerFull = false;
   for (size_t i = 0; i < q.nextUnsent; ++i) {
-    if (!sendEntry(q, q.held[i])) break;
+    if (!sendEntry(q, q.held[i])) {
+      q.peerFull = true;
+      return;
+    }
     q.cb.retransmitted++;
   }
   pushNew(q);
@@ -165,6 +177,7 @@ void releaseAll(SwpQueue &q, Deferred &d) {
   q.cb.released += q.held.size();
   q.held.clear();
   q.nextUnsent = 0;
+  q.peerFull = false;
 }
 
 void fail(SwpQueue &q, Deferred &d) {
@@ -178,6 +191,7 @@ void fail(SwpQueue &q, Deferred &d) {
 // The timer work of one queue. Lock held.
 void runQueueTimers(SwpQueue &q, uint64_t now, Deferred &d) {
   if (q.failed() || q.held.empty()) return;
+  q.peerFull = false;
   pushNew(q);
   if (now < q.deadline) return;
   if (++q.cb.retries > q.cb.maxRetries) {
@@ -456,6 +470,7 @@ int qorSwpDequeue(const void *ackMsg, void **buffer) {
     SwpQueue *q = findQueue(s, ld32(a, SWP_OFF_QUEUE));
     if (!q) return -1;
     q->cb.acks++;
+    q->peerFull = false;  // it has read
     if (q->held.empty() || seq < q->held.front().seq) {
       q->cb.dupAcks++;
       if (kind == QOR_SWP_ACK_GAP && !q->held.empty() && seq + 1 == q->held.front().seq &&

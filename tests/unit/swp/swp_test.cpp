@@ -392,4 +392,34 @@ TEST_F(SwpTest, MessagesAFullPeerTurnsBackGoOutLaterWithoutRetransmission) {
   EXPECT_EQ(ctrl(q).retransmitted, 0u);
 }
 
+TEST_F(SwpTest, AfterATurnBackNewMessagesWaitForTheAckOrTheTimerRound) {
+  // Once the peer's socket has turned a message back, a new message does not try it again,
+  // even when the peer has made room meanwhile: what tells the sender is the peer's ack, or the
+  // timer round should none come.
+  constexpr uint32_t kBurst = 100;
+  for (bool byAck : {true, false}) {
+    SCOPED_TRACE(byAck ? "released by the ack" : "released by the timer round");
+    uint32_t q = makeQueue(kBurst + 10, kBurst + 10, /*rto=*/1000);
+    enqueue(q, 1, kBurst);
+    const uint32_t onWire = ctrl(q).inFlight;
+    ASSERT_LT(onWire, kBurst) << "the peer's socket holds the whole burst";
+    std::vector<std::vector<uint8_t>> got = peerInbox();  // room again, no ack yet
+    ASSERT_EQ(got.size(), onWire);
+    enqueue(q, kBurst + 1, kBurst + 1);
+    EXPECT_EQ(ctrl(q).inFlight, onWire);
+    EXPECT_TRUE(peerInbox().empty());
+    if (byAck) {
+      uint32_t expected = 1;
+      for (auto &m : got) ASSERT_EQ(qorSwpCkSeqAndAck(m.data(), &expected, peerQ), QOR_SWP_SEQ_OK);
+      ASSERT_GT(pumpAcks(), 0);
+    } else {
+      qorSwpRunTimers();  // the clock has not moved: a round of sends, no retransmission
+    }
+    EXPECT_GT(ctrl(q).inFlight + ctrl(q).released, onWire);
+    EXPECT_FALSE(peerInbox().empty());
+    EXPECT_EQ(ctrl(q).retransmitted, 0u);
+    qorSwpQueueRemove(q);
+  }
+}
+
 }  // namespace
