@@ -632,6 +632,13 @@ int qorIpcRecv(int queue, void *buf, uint32_t size, int mode, int timeoutMs, int
   return n;
 }
 
+int qorIpcInHand(int queue) {
+  QueueP q = findQueue(queue);
+  if (!q) return -1;
+  std::lock_guard<std::mutex> lk(q->mu);
+  return static_cast<int>(q->reserve.size());
+}
+
 int qorIpcGetNumMsgs(int queue) {
   QueueP q = findQueue(queue);
   if (!q) return -1;

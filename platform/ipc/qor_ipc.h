@@ -90,6 +90,9 @@ int qorIpcSetSendWait(int queue, int ms);
 int qorIpcRecv(int queue, void *buf, uint32_t size, int mode, int timeoutMs, int flags);
 // Messages waiting on the queue. -1 if the queue is unknown.
 int qorIpcGetNumMsgs(int queue);
+// Messages already taken from the kernel and not yet received: what qorIpcRecv will return
+// without a system call. -1 if the queue is unknown.
+int qorIpcInHand(int queue);
 
 // Sends msg from `queue` to the endpoint named by the header's target card and target svce.
 // The header is sent as the caller wrote it. 0, or -1 with errno: EINVAL (shorter than a

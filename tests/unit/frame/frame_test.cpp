@@ -3,6 +3,7 @@
 // configuration holding the main task, and the renumbering after a version wrap.
 #include "tests/unit/rib/rib_test_util.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -94,6 +95,28 @@ TEST_F(Frame, TimerQueueIsServedBeforeRequestQueueInOneCall) {
   EXPECT_EQ(g_order, (std::vector<std::string>{"timer", "request"}));
   EXPECT_EQ(rtmtmrqcnt, 1u);
   EXPECT_EQ(rtmreqqcnt, 1u);
+  vx2bsdTimerDelete(t);
+}
+
+TEST_F(Frame, ATimerIsServedWithinAFewRequestsOfABurstAlreadyReceived) {
+  // Requests already taken off the socket are handled without a look at the descriptors, but
+  // not for long: a timer that expires in the middle of a burst waits behind a few of them only.
+  rtmFrameSetHandler(MT_CFG_START_BLK_CFG_NOTIF, [](uint8_t *, uint32_t, rt_client *) {
+    g_order.push_back("request");
+    return 0;
+  });
+  constexpr int kBurst = 9;  // fewer than the kernel keeps for one socket
+  for (int i = 0; i < kBurst; ++i) send(MT_CFG_START_BLK_CFG_NOTIF);
+  ASSERT_EQ(rtmRecvFromAllQ(buffer.data(), 0), 0);  // takes the burst off the socket
+  ASSERT_GT(qorIpcInHand(rtmReqQfd), 4);
+  vx2bsdTimer_t t = vx2bsdTimerCreate();
+  vx2bsdTimerStart(t, 1, [](void *) { g_order.push_back("timer"); }, nullptr, 0);
+  qorClockAdvance(static_cast<uint64_t>(sysClkRateGet()));
+  for (int i = 1; i < kBurst; ++i) ASSERT_EQ(rtmRecvFromAllQ(buffer.data(), 0), 0);
+  auto timer = std::find(g_order.begin(), g_order.end(), "timer");
+  ASSERT_NE(timer, g_order.end()) << "the timer waited for the whole burst";
+  EXPECT_LE(timer - g_order.begin(), 1 + 4);
+  EXPECT_EQ(std::count(g_order.begin(), g_order.end(), "request"), kBurst);
   vx2bsdTimerDelete(t);
 }
 
