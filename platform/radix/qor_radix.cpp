@@ -39,6 +39,7 @@
 #include <utility>
 
 #include <sys/mman.h>
+#include <unistd.h>
 
 #if defined(__SANITIZE_ADDRESS__)
 #define QOR_RADIX_LSAN 1
@@ -80,8 +81,13 @@ struct QorRadixAccel {
 // guest's): taken on the route path, the four tables a tree passes through on its way to a
 // million prefixes (21 MB in all) cost a fifth of the load. The pools' chunks are made ready
 // the same way (platform/mem). Shared by the tree and the thread, so that either may go first.
+//
+// The price is memory held ahead of need: a tree that stops growing between halfway and the
+// growth keeps the next table, four times its own, ready and unused (4 MB at 46,000 to 92,000
+// heads, 16 MB at 185,000 to 370,000, against 7 to 60 MB of the tree's own records there).
 struct QorRadixTablePrep {
   size_t bytes = 0;
+  pid_t pid = 0;  // of the process whose thread makes it ready: a child after fork has none
   void *mem = nullptr;
   std::atomic<bool> ready{false};
   ~QorRadixTablePrep() { std::free(mem); }
@@ -465,6 +471,7 @@ void accelPrepare(QorRadixAccel *a) {
   try {
     auto prep = std::make_shared<QorRadixTablePrep>();
     prep->bytes = tableBytes(std::min(a->bits + 2, kAccelMaxBits));
+    prep->pid = getpid();
     std::thread([prep] {
       void *m = tableAlloc(prep->bytes, false);
       if (m) {
@@ -482,13 +489,19 @@ void accelPrepare(QorRadixAccel *a) {
   }
 }
 
-// Memory held for the next table, counted as the tree's from the moment it is asked for.
-size_t accelPrepBytes(const QorRadixAccel *a) { return a->prep ? a->prep->bytes : 0; }
+// Memory held for the next table, counted as the tree's from the moment it is asked for until
+// the thread is found to have had none.
+size_t accelPrepBytes(const QorRadixAccel *a) {
+  const QorRadixTablePrep *p = a->prep.get();
+  return p && (!p->ready.load(std::memory_order_acquire) || p->mem) ? p->bytes : 0;
+}
 
 // The prepared memory for a table of `bytes`, once it is ready; null when none was prepared.
 void *accelTakePrepared(QorRadixAccel *a, size_t bytes) {
   std::shared_ptr<QorRadixTablePrep> p = std::move(a->prep);
-  if (!p || p->bytes != bytes) return nullptr;
+  // In a child forked meanwhile the thread does not exist, and its memory is the parent's copy
+  // as it was at the fork: not to be waited for.
+  if (!p || p->bytes != bytes || p->pid != getpid()) return nullptr;
   p->ready.wait(false, std::memory_order_acquire);
   return std::exchange(p->mem, nullptr);
 }
@@ -497,11 +510,10 @@ inline void fillSlots(QorRadixAccel *a, size_t from, size_t to, uintptr_t v) {
   for (size_t i = from; i < to; ++i) a->slot[i] = v;
 }
 
-// Fills the table from the nodes above the stride: each edge below such a node y covers a
-// range of blocks; those of its range that no deeper node above the stride covers start from
-// y, and a child at or below the stride is the topmost node of its block.
-// Fills the blocks under nodes above the stride: each node's range, and its heads among the
-// short ones. The fill is a chase of pointers through the top of the tree (half a million
+// Fills the blocks under nodes above the stride: each edge below such a node y covers a range
+// of blocks; those of its range that no deeper node above the stride covers start from y, a
+// child at or below the stride is the topmost node of its block, and a head above the stride
+// is among the short ones. The fill is a chase of pointers through the top of the tree (half a million
 // nodes in a full table), so it keeps fetches in flight: a node's children are fetched when it
 // goes on the stack, and the node taken next is one pushed `lag` steps ago, whose fetches are
 // done. Any order serves, so long as a node comes after its parent: each block's slot is
@@ -599,16 +611,16 @@ void accelBuild(qor_radix_tree *t, unsigned bits) {
 // short prefixes that covered it (the best of them to each). An old block's topmost node at or
 // below the new stride is the topmost node of one new block, and the others are empty and start
 // above it; a topmost node between the two strides has its range filled from it (after the
-// block's other blocks, which it may overwrite), which meets only the nodes between the strides. The old blocks' nodes are read one after the other
-// without depending on each other, so the reads overlap, instead of a chase down the whole top
-// of the tree.
+// block's other blocks, which it may overwrite), which meets only the nodes between the
+// strides. The old blocks' nodes are read one after the other without depending on each other,
+// so the reads overlap, instead of a chase down the whole top of the tree.
 void accelGrow(qor_radix_tree *t, unsigned bits) {
   QorRadixAccel *old = t->rdx_accel;
   // Every entry is written below: the memory need not be cleared.
   QorRadixAccel *a = accelNew(t, bits, false, accelTakePrepared(old, tableBytes(bits)));
   if (!a) {  // no memory for the larger table: keep the one there is, and try again later
     old->growAt = t->rdx_heads * 2;
-    old->prepAt = t->rdx_heads + 1;
+    old->prepAt = old->growAt;  // the stride then wanted is not the one a preparation makes
     return;
   }
   t->rdx_accel = a;  // the walk puts the short heads it meets into the new table
