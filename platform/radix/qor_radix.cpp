@@ -513,10 +513,10 @@ inline void fillSlots(QorRadixAccel *a, size_t from, size_t to, uintptr_t v) {
 // Fills the blocks under nodes above the stride: each edge below such a node y covers a range
 // of blocks; those of its range that no deeper node above the stride covers start from y, a
 // child at or below the stride is the topmost node of its block, and a head above the stride
-// is among the short ones. The fill is a chase of pointers through the top of the tree (half a million
-// nodes in a full table), so it keeps fetches in flight: a node's children are fetched when it
-// goes on the stack, and the node taken next is one pushed `lag` steps ago, whose fetches are
-// done. Any order serves, so long as a node comes after its parent: each block's slot is
+// is among the short ones. The fill is a chase of pointers through the top of the tree (half
+// a million nodes in a full table), so it keeps fetches in flight: a node's children are
+// fetched when it goes on the stack, and the node taken next is one pushed `lag` steps ago,
+// whose fetches are done. Any order serves, so long as a node comes after its parent: each block's slot is
 // written by the one node that covers it deepest, and accelShortAdd keeps the longest head
 // whatever the order. Near a full stack it goes depth first, which the tree's depth (under 32
 // levels above any stride) bounds.
@@ -579,12 +579,8 @@ void accelFill(qor_radix_tree *t, QorRadixAccel *a) {
 // A table of `bits` in `mem` (tableBytes(bits), null: allocated here, and cleared if `clear`),
 // or null when there is no memory for it.
 QorRadixAccel *accelNew(const qor_radix_tree *t, unsigned bits, bool clear, void *mem = nullptr) {
+  if (!mem && !(mem = tableAlloc(tableBytes(bits), clear))) return nullptr;
   auto *a = new (std::nothrow) QorRadixAccel;
-  if (a && !mem) mem = tableAlloc(tableBytes(bits), clear);
-  if (!mem) {
-    delete a;
-    return nullptr;
-  }
   if (!a) {
     std::free(mem);
     return nullptr;
