@@ -4,6 +4,7 @@
 //
 // It can play a slow line card (--ack-delay) or a stuck one (--no-ack-after), to watch rtmd's
 // back-pressure and its failure handling from the outside.
+#include <sched.h>
 #include <sys/resource.h>
 
 #include <cerrno>
@@ -53,6 +54,9 @@ const char kUsage[] =
     "  --dump FILE           write the table to FILE, one route a line, sorted: once --expect is\n"
     "                        met, else when the agent ends (written whole, then renamed)\n"
     "  --no-deregister       leave without deregistering (as a line card that died)\n"
+    "  --no-batch            run under the normal scheduling policy, which wakes the agent (and\n"
+    "                        runs it at once) for every message; by default it asks for\n"
+    "                        SCHED_BATCH and takes what arrived when it is next run\n"
     "  --show-clients        print rtmd's view of the family's download clients and exit\n"
     "  --quiet               print only errors and the result lines\n"
     "  --help                print this text\n"
@@ -68,6 +72,7 @@ struct Args {
   uint64_t noAckAfter = UINT64_MAX;
   uint64_t expect = 0;
   bool haveExpect = false, expectEmpty = false, deregister = true, quiet = false, showClients = false;
+  bool batch = true;
   uint32_t timeout = 600, waitRtmd = 10;
 };
 
@@ -117,6 +122,8 @@ Args parseArgs(int argc, char **argv) {
       a.showClients = true;
     } else if (o == "--no-deregister") {
       a.deregister = false;
+    } else if (o == "--no-batch") {
+      a.batch = false;
     } else if (o == "--quiet") {
       a.quiet = true;
     } else {
@@ -179,6 +186,17 @@ int showClients(const Args &a, uint8_t af) {
   return 0;
 }
 
+// A download is a stream of messages, each a few microseconds of work. Under the normal policy
+// every one of them wakes the agent and the wake-up preempts rtmd on the spot: rtmd's thread and
+// the agents then take turns message by message, a context switch each, and on two cores that
+// switching was a sixth of the time to fill four agents. A batch task is not run ahead of the
+// task it was woken by, so it finds several messages waiting and takes them in one go.
+void askForBatchScheduling() {
+  sched_param p{};
+  if (sched_setscheduler(0, SCHED_BATCH, &p) != 0)
+    fprintf(stderr, "rtm-fib: cannot use SCHED_BATCH (%s); going on under the normal policy\n", strerror(errno));
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -187,6 +205,7 @@ int main(int argc, char **argv) {
   qorLogSetProgram("rtm-fib");
   if (!a.runDir.empty() && qorIpcSetRunDir(a.runDir.c_str()) != 0) usageError("run directory path too long");
   if (a.showClients) return showClients(a, a.ipv6 ? RTM_IPV6UNI_AFINDEX : RTM_IPV4UNI_AFINDEX);
+  if (a.batch) askForBatchScheduling();
   const char *fam = a.ipv6 ? "IPv6" : "IPv4";
   const std::string who = "slot " + std::to_string(a.slot) + " " + fam;
 
