@@ -11,6 +11,9 @@
 #
 # --agents N (default 0: the feeder and rtmd alone) starts N agents of the family of the
 # feed (--ipv6 among the rtm-feed options makes them IPv6 agents), on line-card slots 0..N-1.
+# --dgram-qlen Q sets the system's datagram queue length (net.unix.max_dgram_qlen, the messages
+# a socket holds before its sender is turned back; Linux's default is 10) for the run, and puts
+# it back afterwards; it needs root. The figures say which length they were taken with.
 # The last line is a table row: family, routes, agents, seconds and rates of both directions,
 # bytes per route.
 #
@@ -24,14 +27,21 @@ agents=0
 if [[ ${1:-} =~ ^[0-9]+$ ]]; then routes=$1; shift; fi
 feedArgs=()
 family=ipv4
+qlen=
 while [ $# -gt 0 ]; do
   case $1 in
     --agents) agents=${2:?--agents needs a number}; shift 2 ;;
+    --dgram-qlen) qlen=${2:?--dgram-qlen needs a number}; shift 2 ;;
     --ipv6) family=ipv6; feedArgs+=("$1"); shift ;;
     *) feedArgs+=("$1"); shift ;;
   esac
 done
 [[ $agents =~ ^[0-9]+$ ]] && (( agents <= 12 )) || { echo "e2e.sh: --agents takes 0 to 12" >&2; exit 2; }
+qlenFile=/proc/sys/net/unix/max_dgram_qlen
+if [ -n "$qlen" ]; then
+  [[ $qlen =~ ^[0-9]+$ ]] && (( qlen >= 1 && qlen <= 65535 )) || { echo "e2e.sh: --dgram-qlen takes 1 to 65535" >&2; exit 2; }
+  [ -w "$qlenFile" ] || { echo "e2e.sh: --dgram-qlen needs root (cannot write $qlenFile)" >&2; exit 2; }
+fi
 rtmd_bin=$bin/src/frame/rtmd
 feed_bin=$bin/tools/rtm-feed/rtm-feed
 fib_bin=$bin/tools/rtm-fib/rtm-fib
@@ -45,12 +55,16 @@ fi
 
 run=$(mktemp -d /tmp/rtmd-e2e.XXXXXX)
 pids=()
+qlenWas=
 cleanup() {
   for p in "${pids[@]}"; do kill "$p" 2>/dev/null || true; done
   wait 2>/dev/null || true
   rm -rf "$run"
+  [ -z "$qlenWas" ] || echo "$qlenWas" >"$qlenFile"
 }
 trap cleanup EXIT
+# Before any socket is made: a socket takes the length in force when it is made.
+if [ -n "$qlen" ]; then qlenWas=$(cat "$qlenFile"); echo "$qlen" >"$qlenFile"; fi
 
 rss_kb() { awk '/^VmRSS:/ { print $2 }' "/proc/$1/status"; }
 # CPU seconds (user + system) a live process has used.
@@ -117,6 +131,7 @@ rss2=$(rss_kb "$rtmd")
 bpr=$(( (rss1 - rss0) * 1024 / routes ))
 
 echo "routes:              $routes $family, ${feedArgs[*]:-}, $agents agent(s)"
+echo "datagram queue:      $(cat "$qlenFile" 2>/dev/null || echo unknown) messages (net.unix.max_dgram_qlen)"
 echo "add, feeder:         $addSecs s, $(feedRate "$add") routes/s"
 echo "add, every agent:    $addAll s, $(rate "$addAll") routes/s"
 echo "withdraw, feeder:    $delSecs s, $(feedRate "$del") routes/s"

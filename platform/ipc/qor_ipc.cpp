@@ -23,6 +23,7 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <deque>
 #include <memory>
@@ -637,6 +638,15 @@ int qorIpcInHand(int queue) {
   if (!q) return -1;
   std::lock_guard<std::mutex> lk(q->mu);
   return static_cast<int>(q->reserve.size());
+}
+
+int qorIpcQueueDepth() {
+  FILE *f = fopen("/proc/sys/net/unix/max_dgram_qlen", "r");
+  if (!f) return -1;
+  int depth = -1;
+  if (fscanf(f, "%d", &depth) != 1) depth = -1;
+  fclose(f);
+  return depth;
 }
 
 int qorIpcGetNumMsgs(int queue) {

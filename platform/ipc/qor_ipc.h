@@ -93,6 +93,9 @@ int qorIpcGetNumMsgs(int queue);
 // Messages already taken from the kernel and not yet received: what qorIpcRecv will return
 // without a system call. -1 if the queue is unknown.
 int qorIpcInHand(int queue);
+// Messages a queue's socket holds before a sender is turned back (EAGAIN): the system's
+// datagram queue length, net.unix.max_dgram_qlen, read when a socket is made. -1 if unknown.
+int qorIpcQueueDepth();
 
 // Sends msg from `queue` to the endpoint named by the header's target card and target svce.
 // The header is sent as the caller wrote it. 0, or -1 with errno: EINVAL (shorter than a

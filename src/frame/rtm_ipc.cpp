@@ -61,6 +61,20 @@ int sendSmall(uint32_t mtype, uint32_t svce, uint32_t inst, uint32_t len, const 
   if (qorIpcSend(rtmReqQfd, msg, len) < 0) return errno ? errno : -1;
   return 0;
 }
+
+// Below this, a table load keeps finding its peers' sockets full: every message turned back is
+// a system call wasted and a resend after the next ack, and each peer is woken for a handful
+// of messages at a time.
+constexpr int kAdvisedQueueDepth = 64;
+
+void warnOfShallowQueues() {
+  const int depth = qorIpcQueueDepth();
+  if (depth >= 0 && depth < kAdvisedQueueDepth)
+    qorEventLog(rtmevkey, 4,
+                "rtmIpcInit: a message queue holds %d messages (net.unix.max_dgram_qlen); "
+                "256 or more is advised for large tables: sysctl -w net.unix.max_dgram_qlen=256\n",
+                depth);
+}
 }  // namespace
 
 int rtmIpcInit(int32_t) {
@@ -78,6 +92,7 @@ int rtmIpcInit(int32_t) {
   qorIpcSetSendBufferLimit(rtmReqQfd, kReqSendLimit);
   qorIpcSetRecvBufferLimit(rtmTmrQfd, kTmrRecvLimit);
   qorIpcSetRecvBufferLimit(rtmReqQfd, kReqRecvLimit);
+  warnOfShallowQueues();
   rtm_swp_pipe = qorSwpCreatePipe("/qor/pipe/rtmpipe");
   int32_t err = 0;
   rtmrouteinfo[0] = 0;
