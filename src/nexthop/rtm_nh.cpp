@@ -405,6 +405,6 @@ void rtmNhReset() {
     rtmNhFifoDrop(v);
     for (auto &t : rtmNhRdx[v]) destroyTable(t);
   }
-  rtmarpcount = rtmndpcount = 0;
+  rtmarpcount = rtmndpcount = rtmnhcount = rtmnhcount_s = 0;
   rtmNhHooks = {};
 }
