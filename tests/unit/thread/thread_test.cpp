@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <deque>
 #include <map>
 #include <sstream>
 #include <stdexcept>
@@ -25,13 +26,47 @@ namespace {
 struct Play {
   QorThreadGroup g = -1;
   std::map<char, int> ids{{'M', QOR_THREAD_MAIN_ID}};
-  std::vector<std::string> trace;
+  std::string trace;
   std::vector<long> mainResults;  // results of main's y and I
   std::atomic<int> parks{0};
+
+  void log(char who, const std::string &what) {
+    if (!trace.empty()) trace += ' ';
+    (trace += who) += ':';
+    trace += what;
+  }
+  void act(char who, const std::string &t) {
+    switch (t[0]) {
+      case 'y': {
+        log(who, t);
+        const long res = qorThreadYield(g);
+        if (who == 'M') mainResults.push_back(res);
+        break;
+      }
+      case 's': log(who, t); qorThreadSuspendSelf(g); break;
+      case 'r': log(who, t); EXPECT_EQ(qorThreadResume(g, ids.at(t[1])), 0); break;
+      case '?': log(who, t + "=" + std::to_string(qorThreadIsSuspended(g, ids.at(t[1])))); break;
+      case '@': log(who, "@=" + std::to_string(qorThreadRunningId(g))); break;
+      case 'I': log(who, t); mainResults.push_back(qorThreadRunUntilIdle(g)); break;
+      case 'S': log(who, t); ASSERT_EQ(qorThreadRunConcurrentStart(g), 0); break;
+      case 'E':
+        ASSERT_EQ(qorThreadRunConcurrentEnd(g, QOR_THREAD_MAIN_ID), 0);
+        log(who, t);  // only now may main touch what the workers touch
+        break;
+      case 'W':
+        for (int seen = parks.load(); seen < std::stoi(t.substr(1)); seen = parks.load()) parks.wait(seen);
+        break;
+      case 'o':
+        log(who, t);
+        std::thread([&] { EXPECT_EQ(qorThreadResume(g, ids.at(t[1])), 0); }).join();
+        break;
+      default: FAIL() << "unknown token " << t;
+    }
+  }
 };
 
 struct Script {
-  Play *run;
+  Play *play;
   char who;
   std::vector<std::string> tokens;
 };
@@ -43,69 +78,17 @@ std::vector<std::string> split(const std::string &s) {
   return out;
 }
 
-std::string join(const std::vector<std::string> &v) {
-  std::string s;
-  for (auto &t : v) s += (s.empty() ? "" : " ") + t;
-  return s;
-}
-
-// Actions both kinds of member share; returns false for a token it does not know.
-bool common(Play &r, char who, const std::string &t) {
-  if (t == "y") {
-    r.trace.push_back(std::string(1, who) + ":y");
-    int res = qorThreadYield(r.g);
-    if (who == 'M') r.mainResults.push_back(res);
-  } else if (t[0] == 'r') {
-    r.trace.push_back(std::string(1, who) + ":" + t);
-    EXPECT_EQ(qorThreadResume(r.g, r.ids.at(t[1])), 0);
-  } else if (t[0] == '?') {
-    r.trace.push_back(std::string(1, who) + ":" + t + "=" + std::to_string(qorThreadIsSuspended(r.g, r.ids.at(t[1]))));
-  } else {
-    return false;
-  }
-  return true;
-}
-
 void scriptEntry(void *arg) {
-  Script &s = *static_cast<Script *>(arg);
-  Play &r = *s.run;
-  for (const auto &t : s.tokens) {
-    if (common(r, s.who, t)) continue;
-    r.trace.push_back(std::string(1, s.who) + ":" + t);
-    if (t == "s") qorThreadSuspendSelf(r.g);
-    if (t == "e") return;
+  auto &[play, who, tokens] = *static_cast<Script *>(arg);
+  for (const auto &t : tokens) {
+    if (t == "e") return play->log(who, t);
+    play->act(who, t);
   }
   for (;;) {
-    r.trace.push_back(std::string(1, s.who) + ":park");
-    r.parks.fetch_add(1);
-    r.parks.notify_all();
-    qorThreadSuspendSelf(r.g);
-  }
-}
-
-void runMain(Play &r, const std::string &script) {
-  for (const auto &t : split(script)) {
-    if (common(r, 'M', t)) continue;
-    if (t == "S") {
-      r.trace.push_back("M:S");
-      ASSERT_EQ(qorThreadRunConcurrentStart(r.g), 0);
-    } else if (t == "E") {
-      ASSERT_EQ(qorThreadRunConcurrentEnd(r.g, QOR_THREAD_MAIN_ID), 0);
-      r.trace.push_back("M:E");  // only now may main touch what the workers touch
-    } else if (t[0] == 'W') {
-      int want = std::stoi(t.substr(1));
-      for (int seen = r.parks.load(); seen < want; seen = r.parks.load()) r.parks.wait(seen);
-    } else if (t[0] == 'o') {
-      r.trace.push_back("M:" + t);
-      std::thread([&] { EXPECT_EQ(qorThreadResume(r.g, r.ids.at(t[1])), 0); }).join();
-    } else if (t == "@") {
-      r.trace.push_back("M:@=" + std::to_string(qorThreadRunningId(r.g)));
-    } else if (t == "I") {
-      r.trace.push_back("M:I");
-      r.mainResults.push_back(qorThreadRunUntilIdle(r.g));
-    } else {
-      FAIL() << "unknown token " << t;
-    }
+    play->log(who, "park");
+    play->parks.fetch_add(1);
+    play->parks.notify_all();
+    qorThreadSuspendSelf(play->g);
   }
 }
 
@@ -125,117 +108,108 @@ class ThreadGroupTest : public ::testing::Test {
     }
     qorLogSetEcho(true);
   }
+  int spawn(int id, QorThreadEntry entry, void *arg, const char *name = "w") {
+    return qorThreadTmeCreate(id, 0, g, name, entry, arg, 16000, 0);
+  }
+  // A new group in place of the destroyed one.
+  void renew() {
+    g = qorThreadInit(nullptr, 1);
+    ASSERT_GT(g, 0);
+  }
   QorThreadGroup g = -1;
 };
+
+// Entries that take the group handle as their argument.
+void parkForever(void *g) {
+  for (;;) qorThreadSuspendSelf(*static_cast<QorThreadGroup *>(g));
+}
+void yieldForever(void *g) {
+  for (;;) qorThreadYield(*static_cast<QorThreadGroup *>(g));
+}
 
 struct Scenario {
   const char *name;
   std::vector<std::pair<char, const char *>> workers;  // created in this order
   const char *mainScript;
-  const char *trace;
   std::vector<long> mainResults;
+  const char *trace;
 };
 
 TEST_F(ThreadGroupTest, SchedulingScenarios) {
   const Scenario table[] = {
       {"round robin in creation order, each yield comes back to its caller",
-       {{'A', "y y"}, {'B', "y y"}},
-       "y y y y",
-       "M:y A:y B:y M:y A:y B:y M:y A:park B:park M:y",
-       {2, 2, 2, 0}},
-      {"alone in the group a yield returns 0 at once", {}, "y y", "M:y M:y", {0, 0}},
+       {{'A', "y y"}, {'B', "y y"}}, "y y y y", {2, 2, 2, 0},
+       "M:y A:y B:y M:y A:y B:y M:y A:park B:park M:y"},
+      {"alone in the group a yield returns 0 at once", {}, "y y", {0, 0}, "M:y M:y"},
       {"suspended members are skipped until resumed",
-       {{'A', "s y"}, {'B', "y"}},
-       "y ?A rA ?A y y y",
-       "M:y A:s B:y M:?A=1 M:rA M:?A=0 M:y A:y B:park M:y A:park M:y",
-       {2, 2, 1, 0}},
+       {{'A', "s y"}, {'B', "y"}}, "y ?A rA ?A y y y", {2, 2, 1, 0},
+       "M:y A:s B:y M:?A=1 M:rA M:?A=0 M:y A:y B:park M:y A:park M:y"},
       {"a member resumed behind the resumer waits for the next round",
-       {{'A', "s y"}, {'B', "rA y"}},
-       "y y y",
-       "M:y A:s B:rA B:y M:y A:y B:park M:y A:park",
-       {2, 2, 1}},
+       {{'A', "s y"}, {'B', "rA y"}}, "y y y", {2, 2, 1},
+       "M:y A:s B:rA B:y M:y A:y B:park M:y A:park"},
       {"a member resumed ahead of the resumer joins the same round",
-       {{'A', "y rB y"}, {'B', "s y"}},
-       "y y y y",
-       "M:y A:y B:s M:y A:rB A:y B:y M:y A:park B:park M:y",
-       {2, 2, 2, 0}},
+       {{'A', "y rB y"}, {'B', "s y"}}, "y y y y", {2, 2, 2, 0},
+       "M:y A:y B:s M:y A:rB A:y B:y M:y A:park B:park M:y"},
       {"resuming a runnable member changes nothing",
-       {{'A', "y"}},
-       "rA y rA y y",
-       "M:rA M:y A:y M:rA M:y A:park M:y",
-       {1, 1, 0}},
+       {{'A', "y"}}, "rA y rA y y", {1, 1, 0},
+       "M:rA M:y A:y M:rA M:y A:park M:y"},
       {"an entry that returns leaves the group",
-       {{'A', "e"}, {'B', "y"}},
-       "y ?A y y",
-       "M:y A:e B:y M:?A=1 M:y B:park M:y",
-       {2, 1, 0}},
+       {{'A', "e"}, {'B', "y"}}, "y ?A y y", {2, 1, 0},
+       "M:y A:e B:y M:?A=1 M:y B:park M:y"},
       {"run until idle gives turns until every worker rests",
-       {{'A', "y y s y"}, {'B', "y"}},
-       "I ?A ?B",
-       "M:I A:y B:y A:y B:park A:s M:?A=1 M:?B=1",
-       {5}},
+       {{'A', "y y s y"}, {'B', "y"}}, "I ?A ?B", {5},
+       "M:I A:y B:y A:y B:park A:s M:?A=1 M:?B=1"},
       {"in a stretch the baton passes among the workers while main blocks",
-       {{'A', "y y"}, {'B', "y"}},
-       "S W2 E y",
-       "M:S A:y B:y A:y B:park A:park M:E M:y",
-       {0}},
+       {{'A', "y y"}, {'B', "y"}}, "S W2 E y", {0},
+       "M:S A:y B:y A:y B:park A:park M:E M:y"},
       {"a worker resumed by another during a stretch runs in it",
-       {{'A', "s rB s"}, {'B', "s y"}},
-       "y rA S W1 E ?A ?B",
-       "M:y A:s B:s M:rA M:S A:rB A:s B:y B:park M:E M:?A=1 M:?B=1",
-       {2}},
+       {{'A', "s rB s"}, {'B', "s y"}}, "y rA S W1 E ?A ?B", {2},
+       "M:y A:s B:s M:rA M:S A:rB A:s B:y B:park M:E M:?A=1 M:?B=1"},
       // The baton lies idle in the stretch: a worker resumed from outside takes it at once, so
       // the end of the stretch waits for its turn.
       {"a worker resumed from outside during an idle stretch runs before the stretch ends",
-       {{'A', "s"}},
-       "y S @ oA E ?A",
-       "M:y A:s M:S M:@=0 M:oA A:park M:E M:?A=1",
-       {1}},
+       {{'A', "s"}}, "y S @ oA E ?A", {1},
+       "M:y A:s M:S M:@=0 M:oA A:park M:E M:?A=1"},
   };
   for (const Scenario &sc : table) {
     SCOPED_TRACE(sc.name);
-    Play r;
-    r.g = g;
-    std::vector<std::unique_ptr<Script>> scripts;
-    int nextId = 77;
+    Play play;
+    play.g = g;
+    std::deque<Script> scripts;
+    int id = 77;
     for (auto &[who, text] : sc.workers) {
-      r.ids[who] = nextId;
-      scripts.push_back(std::make_unique<Script>(Script{&r, who, split(text)}));
-      ASSERT_EQ(qorThreadTmeCreate(nextId, 0, g, std::string(1, who).c_str(), scriptEntry, scripts.back().get(),
-                                   16000, 0),
-                0);
-      ++nextId;
+      play.ids[who] = id;
+      scripts.push_back({&play, who, split(text)});
+      ASSERT_EQ(spawn(id++, scriptEntry, &scripts.back()), 0);
     }
-    EXPECT_TRUE(r.trace.empty()) << "a new thread ran inside its creation";
-    runMain(r, sc.mainScript);
-    EXPECT_EQ(join(r.trace), sc.trace);
-    EXPECT_EQ(r.mainResults, sc.mainResults);
+    EXPECT_TRUE(play.trace.empty()) << "a new thread ran inside its creation";
+    for (const auto &t : split(sc.mainScript)) {
+      play.act('M', t);
+      if (HasFatalFailure()) break;
+    }
+    EXPECT_EQ(play.trace, sc.trace);
+    EXPECT_EQ(play.mainResults, sc.mainResults);
     EXPECT_EQ(qorThreadRunningId(g), QOR_THREAD_MAIN_ID);
     // A fresh group per row: the destroy must unwind workers in every state the row left.
     ASSERT_EQ(qorThreadGroupDestroy(g), 0);
-    g = qorThreadInit(nullptr, 1);
-    ASSERT_GT(g, 0);
+    renew();
   }
 }
 
 TEST_F(ThreadGroupTest, FirstRunnableWorkerHasATurnEvenWhenSelectReturnsAtOnce) {
-  std::atomic<int> turnsInStretch{0};
-  struct Ctx {
-    QorThreadGroup g;
-    std::atomic<int> *turns;
-  } ctx{g, &turnsInStretch};
-  auto entry = [](void *p) {
-    auto *c = static_cast<Ctx *>(p);
+  static std::atomic<int> turns;
+  turns = 0;
+  QorThreadEntry countTurns = [](void *g) {
     for (;;) {
-      c->turns->fetch_add(1);
-      qorThreadYield(c->g);
+      ++turns;
+      qorThreadYield(*static_cast<QorThreadGroup *>(g));
     }
   };
-  ASSERT_EQ(qorThreadTmeCreate(77, 0, g, "rtmStatic", entry, &ctx, 16000, 0), 0);
+  ASSERT_EQ(spawn(77, countTurns, &g), 0);
   for (int i = 1; i <= 50; ++i) {
     ASSERT_EQ(qorThreadRunConcurrentStart(g), 0);
     ASSERT_EQ(qorThreadRunConcurrentEnd(g, QOR_THREAD_MAIN_ID), 0);
-    ASSERT_GE(turnsInStretch.load(), i);
+    ASSERT_GE(turns.load(), i);
     ASSERT_EQ(qorThreadRunningId(g), QOR_THREAD_MAIN_ID);
   }
 }
@@ -243,12 +217,11 @@ TEST_F(ThreadGroupTest, FirstRunnableWorkerHasATurnEvenWhenSelectReturnsAtOnce) 
 // Four workers and main hammer the group through yields, suspends and stretches; nobody may
 // ever find another member inside its turn, and no increment may be lost.
 TEST_F(ThreadGroupTest, NeverTwoMembersAtOnce) {
-  struct Shared {
+  constexpr int kWorkers = 4, kTurns = 400;
+  static struct {
     QorThreadGroup g;
-    std::atomic<int> inside{0};
-    std::atomic<int> violations{0};
-    std::atomic<long> counter{0};  // load/store, not fetch_add: overlapping turns lose updates
-    std::atomic<int> done{0};
+    std::atomic<int> inside, violations, done;
+    std::atomic<long> counter;  // load/store, not fetch_add: overlapping turns lose updates
     void turn() {
       if (inside.fetch_add(1) != 0) violations.fetch_add(1);
       for (int k = 0; k < 50; ++k) counter.store(counter.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
@@ -256,21 +229,21 @@ TEST_F(ThreadGroupTest, NeverTwoMembersAtOnce) {
     }
   } sh;
   sh.g = g;
-  constexpr int kWorkers = 4, kTurns = 400;
-  auto entry = [](void *p) {
-    auto *s = static_cast<Shared *>(p);
+  sh.violations = sh.done = 0;
+  sh.counter = 0;
+  auto entry = [](void *) {
     for (int i = 1; i <= kTurns; ++i) {
-      s->turn();
+      sh.turn();
       if (i % 7 == 0)
-        qorThreadSuspendSelf(s->g);
+        qorThreadSuspendSelf(sh.g);
       else
-        qorThreadYield(s->g);
+        qorThreadYield(sh.g);
     }
-    s->done.fetch_add(1);
-    for (;;) qorThreadSuspendSelf(s->g);
+    sh.done.fetch_add(1);
+    parkForever(&sh.g);
   };
   const int ids[kWorkers] = {77, 78, 80, 79};
-  for (int id : ids) ASSERT_EQ(qorThreadTmeCreate(id, 0, g, "w", entry, &sh, 16000, 0), 0);
+  for (int id : ids) ASSERT_EQ(spawn(id, entry, nullptr), 0);
   long mainTurns = 0;
   while (sh.done.load() < kWorkers) {
     sh.turn();
@@ -287,67 +260,19 @@ TEST_F(ThreadGroupTest, NeverTwoMembersAtOnce) {
   EXPECT_EQ(sh.counter.load(), (long(kWorkers) * kTurns + mainTurns) * 50);
 }
 
-// The handshake of the daemon's clear functions: main raises a worker's restart flag, yields
-// until the worker has suspended itself, resets what the worker keeps, and lets it go again.
-TEST_F(ThreadGroupTest, RestartFlagHandshakeResetsAWalkAtRest) {
-  struct Walker {
-    QorThreadGroup g;
-    int pos = 0;
-    int visited = 0;
-    bool restart = false;
-  } w;
-  w.g = g;
-  auto entry = [](void *p) {
-    auto *w = static_cast<Walker *>(p);
-    for (;;) {
-      while (w->pos < 100 && !w->restart) {
-        ++w->pos;
-        ++w->visited;
-        if (w->pos % 10 == 0) qorThreadYield(w->g);
-      }
-      qorThreadSuspendSelf(w->g);
-    }
-  };
-  ASSERT_EQ(qorThreadTmeCreate(80, 0, g, "rtmRteDn", entry, &w, 16000, 0), 0);
-  for (int i = 0; i < 3; ++i) ASSERT_EQ(qorThreadYield(g), 1);
-  ASSERT_EQ(w.pos, 30);  // mid-walk, waiting in its yield
-
-  w.restart = true;
-  int spins = 0;
-  while (!qorThreadIsSuspended(g, 80)) {
-    ASSERT_EQ(qorThreadYield(g), 1);
-    ++spins;
-  }
-  EXPECT_EQ(spins, 1);
-  EXPECT_EQ(w.pos, 30) << "the walk went on past the restart flag";
-  w.pos = 0;
-  w.restart = false;
-  ASSERT_EQ(qorThreadResume(g, 80), 0);
-  qorThreadRunUntilIdle(g);
-  EXPECT_EQ(w.pos, 100);
-  EXPECT_EQ(w.visited, 130);
-}
-
 TEST_F(ThreadGroupTest, CallsOutOfPlaceAreRefused) {
-  auto park = [](void *p) {
-    for (;;) qorThreadSuspendSelf(*static_cast<QorThreadGroup *>(p));
-  };
-  ASSERT_EQ(qorThreadTmeCreate(77, 0, g, "rtmStatic", park, &g, 16000, 0), 0);
-  EXPECT_EQ(qorThreadTmeCreate(77, 0, g, "again", park, &g, 16000, 0), -1);
-  EXPECT_EQ(qorThreadTmeCreate(QOR_THREAD_MAIN_ID, 0, g, "main", park, &g, 16000, 0), -1);
-  EXPECT_EQ(qorThreadTmeCreate(0, 0, g, "zero", park, &g, 16000, 0), -1);
+  ASSERT_EQ(spawn(77, parkForever, &g), 0);
+  for (int id : {77, QOR_THREAD_MAIN_ID, 0}) EXPECT_EQ(spawn(id, parkForever, &g), -1) << id;
   EXPECT_EQ(qorThreadResume(g, 999), -1);
   EXPECT_EQ(qorThreadIsSuspended(g, 999), -1);
   EXPECT_EQ(qorThreadInit(nullptr, 1), -1) << "main of one group cannot found another";
   EXPECT_EQ(qorThreadRunConcurrentEnd(g, QOR_THREAD_MAIN_ID), -1) << "no stretch is open";
   EXPECT_EQ(qorThreadSelfId(), QOR_THREAD_MAIN_ID);
-
-  std::thread outsider([&] {
+  std::thread([&] {
     EXPECT_EQ(qorThreadSelfId(), 0);
     EXPECT_EQ(qorThreadYield(g), -1);
-      EXPECT_EQ(qorThreadGroupDestroy(g), -1);
-  });
-  outsider.join();
+    EXPECT_EQ(qorThreadGroupDestroy(g), -1);
+  }).join();
 
   ASSERT_EQ(qorThreadRunConcurrentStart(g), 0);
   EXPECT_EQ(qorThreadYield(g), -1) << "main without the baton";
@@ -357,8 +282,7 @@ TEST_F(ThreadGroupTest, CallsOutOfPlaceAreRefused) {
 }
 
 TEST_F(ThreadGroupTest, AnEntryThatThrowsLeavesTheGroupAndIsLogged) {
-  auto thrower = [](void *) { throw std::runtime_error("boom"); };
-  ASSERT_EQ(qorThreadTmeCreate(163, 0, g, "rtmMstatic", thrower, nullptr, 16000, 0), 0);
+  ASSERT_EQ(spawn(163, [](void *) { throw std::runtime_error("boom"); }, nullptr, "rtmMstatic"), 0);
   EXPECT_EQ(qorThreadYield(g), 1);
   EXPECT_EQ(qorThreadIsSuspended(g, 163), 1);
   EXPECT_TRUE(qorLogSaw("rtmMstatic (163) ended by an exception"));
@@ -368,48 +292,31 @@ TEST_F(ThreadGroupTest, AnEntryThatThrowsLeavesTheGroupAndIsLogged) {
 // Destroy must unwind workers wherever they stand: suspended, waiting in a yield, busy in a
 // stretch, never started, or already ended, and run the destructors on their stacks.
 TEST_F(ThreadGroupTest, DestroyUnwindsEveryWorker) {
+  static std::atomic<int> unwound;
+  static std::atomic<bool> lateRan;
+  struct Guard {
+    ~Guard() { ++unwound; }
+  };
   for (bool inStretch : {false, true}) {
     SCOPED_TRACE(inStretch ? "destroyed inside a stretch" : "destroyed holding the baton");
-    struct Ctx {
-      QorThreadGroup g;
-      std::atomic<int> unwound{0};
-      std::atomic<bool> lateRan{false};
-    } ctx;
-    ctx.g = g;
-    struct Guard {
-      std::atomic<int> *n;
-      ~Guard() { n->fetch_add(1); }
-    };
-    auto parked = [](void *p) {
-      auto *c = static_cast<Ctx *>(p);
-      Guard guard{&c->unwound};
-      for (;;) qorThreadSuspendSelf(c->g);
-    };
-    auto busy = [](void *p) {
-      auto *c = static_cast<Ctx *>(p);
-      Guard guard{&c->unwound};
-      for (;;) qorThreadYield(c->g);
-    };
-    auto ended = [](void *) {};
-    auto late = [](void *p) { static_cast<Ctx *>(p)->lateRan = true; };
-    ASSERT_EQ(qorThreadTmeCreate(77, 0, g, "parked", parked, &ctx, 16000, 0), 0);
-    ASSERT_EQ(qorThreadTmeCreate(78, 0, g, "busy", busy, &ctx, 16000, 0), 0);
-    ASSERT_EQ(qorThreadTmeCreate(80, 0, g, "ended", ended, &ctx, 16000, 0), 0);
+    unwound = 0;
+    lateRan = false;
+    ASSERT_EQ(spawn(77, [](void *g) { Guard guard; parkForever(g); }, &g), 0);
+    ASSERT_EQ(spawn(78, [](void *g) { Guard guard; yieldForever(g); }, &g), 0);
+    ASSERT_EQ(spawn(80, [](void *) {}, nullptr), 0);
     ASSERT_EQ(qorThreadYield(g), 3);
     if (inStretch) {
       ASSERT_EQ(qorThreadRunConcurrentStart(g), 0);
     } else {
-      ASSERT_EQ(qorThreadTmeCreate(79, 0, g, "late", late, &ctx, 16000, 0), 0);
+      ASSERT_EQ(spawn(79, [](void *) { lateRan = true; }, nullptr), 0);
     }
-
     ASSERT_EQ(qorThreadGroupDestroy(g), 0);
-    EXPECT_EQ(ctx.unwound.load(), 2);
-    EXPECT_FALSE(ctx.lateRan.load());
+    EXPECT_EQ(unwound.load(), 2);
+    EXPECT_FALSE(lateRan.load());
     EXPECT_EQ(qorThreadYield(g), -1);
     EXPECT_EQ(qorThreadResume(g, 77), -1);
     EXPECT_EQ(qorThreadSelfId(), 0);
-    g = qorThreadInit(nullptr, 1);
-    ASSERT_GT(g, 0);
+    renew();
   }
 }
 
