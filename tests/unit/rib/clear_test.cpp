@@ -1,6 +1,5 @@
-// Clearing routes: one client's routes out of every tree (the walkers told), a VRF's trees torn
-// down (nobody told, everything given back), a leaving client's holder bits, and the look-up
-// of the connected route that names the interface of a neighbour request.
+// Clearing a client's routes (walkers told), a VRF's trees (nobody told, all given back), a
+// leaving client's holder bits, and the connected route naming a neighbour request's interface.
 #include "tests/unit/rib/rib_test_util.h"
 
 using namespace ribtest;
@@ -26,25 +25,19 @@ const Fam kFams[] = {
 class Clearing : public RibTest {
  protected:
   void clients(uint8_t af) {
-    client(kOspf, RTM_PROTO_OSPF, af);
-    client(kRip, RTM_PROTO_RIP, af);
-    client(kConn, RTM_PROTO_CONNECTED, af);
-    client(kPos, RTM_PROTO_POS, af);
+    for (auto [cid, proto] : {std::pair{kOspf, RTM_PROTO_OSPF}, {kRip, RTM_PROTO_RIP}, {kConn, RTM_PROTO_CONNECTED},
+                              {kPos, RTM_PROTO_POS}})
+      client(cid, proto, af);
   }
   static Route ospf(const Fam &f, const char *p, uint32_t flags = 0) {
-    Route r(f.af);
-    r.prefix(p, f.plen).proto(RTM_PROTO_OSPF).subtype(RT_OSPF_INTRA).pref(110).nh(f.nh1, 5).flags(flags);
-    return r;
+    return Route(f.af).prefix(p, f.plen).proto(RTM_PROTO_OSPF).subtype(RT_OSPF_INTRA).pref(110).flags(flags)
+        .nh(f.nh1, 5);
   }
   static Route rip(const Fam &f, const char *p) {
-    Route r(f.af);
-    r.prefix(p, f.plen).proto(RTM_PROTO_RIP).pref(120).nh(f.nh2, 6);
-    return r;
+    return Route(f.af).prefix(p, f.plen).proto(RTM_PROTO_RIP).pref(120).nh(f.nh2, 6);
   }
   static Route hostSelf(const Fam &f, uint32_t proto) {
-    Route r(f.af);
-    r.prefix(f.host, rtmAfKeyBits(f.af)).proto(proto).pref(110).nh(f.host);
-    return r;
+    return Route(f.af).prefix(f.host, rtmAfKeyBits(f.af)).proto(proto).pref(110).nh(f.host);
   }
   // The client's routes of every kind: alone, shared with RIP, leaked in, connected, GBC, and
   // for IPv4 an unnumbered route of the POS client.
@@ -55,10 +48,9 @@ class Clearing : public RibTest {
     for (auto [cid, x] : std::initializer_list<Step>{{kOspf, &a}, {kOspf, &b}, {kRip, &r}, {kOspf, &leak},
                                                      {kOspf, &c}, {kOspf, &g1}, {kRip, &g2}})
       ASSERT_EQ(add(cid, *x), RTM_SUCCESS);
-    if (f.af != RTM_IPV4UNI_AFINDEX) return;
-    Route u;
-    u.prefix("10.8.8.8", 32).proto(RTM_PROTO_POS).pref(0).nh("0.0.0.0", 21);
-    ASSERT_EQ(add(kPos, u), RTM_SUCCESS);
+    if (f.af == RTM_IPV4UNI_AFINDEX) {
+      ASSERT_EQ(add(kPos, Route().prefix("10.8.8.8", 32).proto(RTM_PROTO_POS).pref(0).nh("0.0.0.0", 21)), RTM_SUCCESS);
+    }
   }
   static uint64_t ver(rt_head *h) { return h ? rtmh_version(h) : 0; }
   static uint64_t varInUse() {
@@ -67,7 +59,7 @@ class Clearing : public RibTest {
   }
 };
 
-TEST_F(Clearing, OneClientLeavesEveryTreeAndTheWalkersSeeIt) {
+TEST_F(Clearing, ClientsLeaveEveryTreeAndTheWalkersSeeIt) {
   for (const Fam &f : kFams) {
     SCOPED_TRACE(int(f.af));
     clients(f.af);
@@ -95,15 +87,16 @@ TEST_F(Clearing, OneClientLeavesEveryTreeAndTheWalkersSeeIt) {
     EXPECT_EQ(rvi(kRip, f.af)->rvi_active, 1u);
     EXPECT_EQ(refs(f.nh1, 5, 0, f.af), 0);
     EXPECT_EQ(refs(f.nh2, 6, 0, f.af), 1);
-    // A GBC head without marks stays until a delete or a clear of the RIB.
-    rtmClearVrfProtoRoutes(f.af, &rt_client_tbl[f.af][kRip], 0);
+    // Deregistration clears the same way, the unnumbered routes of the POS client included. A
+    // GBC head without marks stays until a delete or a clear of the RIB.
+    for (uint32_t cid : {kPos, kRip}) ASSERT_EQ(rtmDeregisterClientCid(f.af, cid, 0), RTM_SUCCESS);
+    EXPECT_EQ(rt_client_tbl[f.af][kRip].rtc_state, RTC_STATE_FREE);
     EXPECT_NE(head(f.host, rtmAfKeyBits(f.af), f.af, gbc), nullptr);
+    EXPECT_EQ(rtmNhCount(0, f.af), 0u);  // the unnumbered host's own next hop included
   }
   // A connected route at the default is not the client's to lose in a clear.
   const Fam &f = kFams[0];
-  Route def = ospf(f, "0.0.0.0", RTP_FLAG_CONNECTED);
-  rtpSetPrefixLen(def.p(), 0);
-  ASSERT_EQ(add(kOspf, def), RTM_SUCCESS);
+  ASSERT_EQ(add(kOspf, ospf(f, "0.0.0.0", RTP_FLAG_CONNECTED).prefix("0.0.0.0", 0)), RTM_SUCCESS);
   rtmClearVrfProtoRoutes(f.af, &rt_client_tbl[f.af][kOspf], 0);
   EXPECT_EQ(entries(head("0.0.0.0", 0, 0, rtmConRibGetTree(0, 0))).size(), 1u);
 }
@@ -113,8 +106,7 @@ TEST_F(Clearing, ClientsWithoutUnicastRoutesAreLeftAlone) {
   for (uint32_t proto : {RTM_PROTO_MPLS, RTM_PROTO_PIM, RTM_PROTO_TNLMGR, RTM_PROTO_FIB}) {
     SCOPED_TRACE(proto);
     client(kOther, proto);
-    Route r = ospf(f, f.p[3]);
-    r.proto(proto);
+    Route r = ospf(f, f.p[3]).proto(proto);
     ASSERT_EQ(add(kOther, r), RTM_SUCCESS);
     const uint64_t v = ver(head(f.p[3], f.plen));
     rtmClearVrfProtoRoutes(f.af, &rt_client_tbl[f.af][kOther], 0);
@@ -125,24 +117,6 @@ TEST_F(Clearing, ClientsWithoutUnicastRoutesAreLeftAlone) {
   }
   rtmClearVrfProtoRoutes(f.af, nullptr, 0);
   rtmClearAllProtoRoutes(f.af, nullptr);
-}
-
-// A protocol client that deregisters, or whose process is gone, leaves nothing behind.
-TEST_F(Clearing, DeregistrationRemovesTheRoutesAndReleasesTheirNextHops) {
-  for (const Fam &f : kFams) {
-    SCOPED_TRACE(int(f.af));
-    clients(f.af);
-    fill(f);
-    for (uint32_t cid : {kOspf, kPos}) ASSERT_EQ(rtmDeregisterClientCid(f.af, cid, 0), RTM_SUCCESS);
-    EXPECT_EQ(rt_client_tbl[f.af][kOspf].rtc_state, RTC_STATE_FREE);
-    EXPECT_EQ(head(f.p[0], f.plen, f.af)->rtmh_rte, nullptr);
-    EXPECT_EQ(head(f.p[1], f.plen, f.af)->rtmh_rte->rte_cid, kRip);  // the other protocol takes over
-    EXPECT_EQ(rvi(kRip, f.af)->rvi_active, 1u);
-    EXPECT_EQ(refs(f.nh1, 5, 0, f.af), 0);
-    EXPECT_EQ(refs(f.nh2, 6, 0, f.af), 1);
-    ASSERT_EQ(rtmDeregisterClientCid(f.af, kRip, 0), RTM_SUCCESS);
-    EXPECT_EQ(rtmNhCount(0, f.af), 0u);  // the unnumbered host's own next hop included
-  }
 }
 
 TEST_F(Clearing, ClearRibEmptiesTheTreesAndGivesEverythingBack) {
@@ -177,8 +151,7 @@ TEST_F(Clearing, ClearRibEmptiesTheTreesAndGivesEverythingBack) {
     EXPECT_EQ(varInUse(), var0);
     EXPECT_EQ(rtmNhCount(0, f.af), 0u);
     // A walker made before the clear goes on with what comes after it.
-    Route n = ospf(f, f.p[3]);
-    ASSERT_EQ(add(kOspf, n), RTM_SUCCESS);
+    ASSERT_EQ(add(kOspf, ospf(f, f.p[3])), RTM_SUCCESS);
     EXPECT_EQ(qorRadicalNextVersion(main, w), ver(head(f.p[3], f.plen, f.af)));
     qorRadicalWalkDestructor(main, w);
     rtmClearRib(f.af, 0);
@@ -208,11 +181,11 @@ TEST_F(Clearing, ALeavingClientsHolderBitsInEveryVrf) {
       {"a head the change list does not hold", 0, false, false, true, true},
   };
   std::vector<rt_head *> h;
+  std::vector<uint64_t> v;  // versions before the clear
   for (size_t i = 0; i < std::size(cases); ++i) {
     o->rtc_vrfId = cases[i].vrf;
     const char *prefix = cases[i].offList ? "10.5.0.0" : f.p[i];
-    Route r = ospf(f, prefix);
-    r.vrf(cases[i].vrf);
+    Route r = ospf(f, prefix).vrf(cases[i].vrf);
     qor_radix_tree *tree = rtmRibGetTree(f.af, cases[i].vrf);
     if (cases[i].offList) {
       rt_head *naked = rtmHeadAlloc(f.af, rtpPrefix(r.p(), f.af), f.plen);
@@ -225,11 +198,10 @@ TEST_F(Clearing, ALeavingClientsHolderBitsInEveryVrf) {
       }
     }
     h.push_back(head(prefix, f.plen, f.af, tree));
+    v.push_back(ver(h[i]));
     h[i]->rtmh_redlist[kHolder >> 3] |= 1u << (kHolder & 7);
     if (cases[i].otherHolder) h[i]->rtmh_redlist[kRip >> 3] |= 1u << (kRip & 7);
   }
-  std::vector<uint64_t> v;
-  for (rt_head *x : h) v.push_back(ver(x));
   rtmClearDownloadBit(f.af, holder);
   for (size_t i = 0; i < std::size(cases); ++i) {
     SCOPED_TRACE(cases[i].what);
@@ -243,14 +215,11 @@ TEST_F(Clearing, InterfaceOfTheConnectedRouteForNeighbourRequests) {
   client(kConn, RTM_PROTO_CONNECTED);
   client(kOspf, RTM_PROTO_OSPF);
   auto conn = [](const char *p, unsigned plen, uint32_t ifindex, uint32_t subtype = 0) {
-    Route r;
-    r.prefix(p, plen).proto(RTM_PROTO_CONNECTED).subtype(subtype).pref(0).nh("0.0.0.0", ifindex);
-    return r;
+    return Route().prefix(p, plen).proto(RTM_PROTO_CONNECTED).subtype(subtype).pref(0).nh("0.0.0.0", ifindex);
   };
   Route net = conn("10.0.0.0", 8, 7), internal = conn("10.1.0.0", 16, 8, RT_INTERNAL), gone = conn("10.3.0.0", 16, 9);
-  Route o = ospf(kFams[0], "10.2.0.0");
   for (Route *r : {&net, &internal, &gone}) ASSERT_EQ(add(kConn, *r), RTM_SUCCESS);
-  ASSERT_EQ(add(kOspf, o), RTM_SUCCESS);
+  ASSERT_EQ(add(kOspf, ospf(kFams[0], "10.2.0.0")), RTM_SUCCESS);
   ASSERT_EQ(del(kConn, gone), RTM_SUCCESS);
   struct Case {
     const char *addr;

@@ -19,19 +19,13 @@ class ConGbc : public RibTest {
         client(cid, proto, af);
   }
   static Route con(uint8_t af, uint32_t proto, uint32_t subtype, uint32_t srcVrf = 0) {
-    Route r(af);
-    r.prefix(af ? "2001:db8:11::" : "10.11.0.0", af ? 48 : 16).proto(proto).subtype(subtype).pref(110);
-    r.srcVrf(srcVrf).flags(RTP_FLAG_CONNECTED).nh(af ? "fe80::1" : "192.168.1.1", 5);
-    return r;
+    return Route(af).prefix(af ? "2001:db8:11::" : "10.11.0.0", af ? 48 : 16).proto(proto).subtype(subtype).pref(110)
+        .srcVrf(srcVrf).flags(RTP_FLAG_CONNECTED).nh(af ? "fe80::1" : "192.168.1.1", 5);
   }
   rt_head *conHead(uint8_t af = 0) {
     return head(af ? "2001:db8:11::" : "10.11.0.0", af ? 48 : 16, af, rtmConRibGetTree(af, 0));
   }
-  static Route host(uint32_t proto) {
-    Route r;
-    r.prefix("10.5.5.5", 32).proto(proto).pref(110).nh("10.5.5.5");
-    return r;
-  }
+  static Route host(uint32_t proto) { return Route().prefix("10.5.5.5", 32).proto(proto).pref(110).nh("10.5.5.5"); }
   rt_gbc_head *gbcHead() { return reinterpret_cast<rt_gbc_head *>(head("10.5.5.5", 32, 0, rtmGbcRibGetTree(0, 0))); }
 };
 
@@ -97,8 +91,7 @@ TEST_F(ConGbc, ConnectedTreeDeletes) {
     ASSERT_EQ(add(kOspf, o), RTM_SUCCESS);
     ASSERT_EQ(add(kIsis, i), RTM_SUCCESS);
     qorLogClearRecent();
-    Route d = con(0, c.proto, c.subtype);
-    d.prefix(c.prefix, 16);
+    Route d = con(0, c.proto, c.subtype).prefix(c.prefix, 16);
     rtpSetVrfId(d.p(), c.vrf);
     EXPECT_EQ(rtmDelRouteProtoCon(0, c.cid, d.p()), c.result);
     ASSERT_EQ(qorLogRecent().size(), c.event ? 1u : 0u);
@@ -165,8 +158,7 @@ TEST_F(ConGbc, GbcMarks) {
     SCOPED_TRACE(c.what);
     qorLogClearRecent();
     if (rvi(c.cid)) rvi(c.cid)->rvi_blocked = c.blocked;
-    Route r = host(c.proto);
-    r.pref(c.pref).flags(c.flags);
+    Route r = host(c.proto).pref(c.pref).flags(c.flags);
     rtpSetVrfId(r.p(), c.vrf);
     EXPECT_EQ(rtmGbcAddRouteIPv4(0, c.cid, r.p()), c.result);
     EXPECT_EQ(qorLogCount(c.event), c.event ? 1u : 0u);

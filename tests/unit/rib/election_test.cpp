@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <memory>
 #include <vector>
 
 #include "log/qor_log.h"
@@ -12,8 +11,7 @@ namespace {
 
 struct E {
   uint16_t pref;
-  uint8_t cid;
-  uint8_t proto;
+  uint8_t cid, proto;
   uint16_t subtype;
   bool imported = false;
 };

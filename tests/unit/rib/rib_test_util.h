@@ -108,6 +108,7 @@ class RibTest : public rtmtest::RtmdTest {
   }
 
   int add(uint32_t cid, Route &r) { return rtmAddRouteIPv4(r.af, cid, r.p()); }
+  int add(uint32_t cid, Route &&r) { return add(cid, r); }
   int del(uint32_t cid, Route &r) { return rtmDelRouteIPv4(r.af, cid, r.p()); }
 };
 

@@ -95,7 +95,6 @@ TEST_F(UpdateMsg, OutOfMemoryIsToldOncePerArming) {
   qorMemVarFailNext(3);
   ASSERT_EQ(run(len()), RTM_SUCCESS);
   EXPECT_EQ(qorLogCount(0x148059), 1u);
-  EXPECT_EQ(rtmOutOfMemLogMsg, 0u);
   EXPECT_TRUE(has(3));  // the batch went on after the drops
   // Silent until something arms the warning again (a clear of routes does).
   ASSERT_EQ(rtmRouteMsgInit(msg.data(), msg.size(), MT_RTM_UPD_ROUTE, kOspf, 0), RTM_WIRE_OK);

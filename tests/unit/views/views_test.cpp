@@ -1,6 +1,5 @@
-// The route-count view: which rows a request selects, in what order, how pages are cut and
-// that the totals always cover the whole selection. The answer over the request queue is the
-// feed system test's.
+// The route-count view: which rows a request selects, in what order, how pages are cut, and that
+// the totals cover the whole selection (the answer over the request queue is the feed test's).
 #include "tests/unit/clients/rtmd_fixture.h"
 
 #include "client/rtm_client_lib.h"
@@ -17,8 +16,8 @@ class Views : public rtmtest::RtmdTest {
  protected:
   void SetUp() override {
     RtmdTest::SetUp();
-    // Every slot of both families holds a client with counters that name it; clients 10 to
-    // 12 of IPv4 also serve a second VRF.
+    // Every slot of both families holds a client whose counters name it; IPv4 clients 10 to 12
+    // also serve a second VRF.
     g_rtmVrfInUse[kOtherVrf] = 1;
     for (uint8_t af : {RTM_IPV4UNI_AFINDEX, RTM_IPV6UNI_AFINDEX})
       for (uint32_t cid = 0; cid < MAX_RTM_CLEINTS; ++cid) {
@@ -31,10 +30,6 @@ class Views : public rtmtest::RtmdTest {
         fill(rtc, af, 0);
         if (af == RTM_IPV4UNI_AFINDEX && cid >= 10 && cid <= 12) fill(rtc, af, kOtherVrf);
       }
-  }
-  void TearDown() override {
-    g_rtmVrfInUse[kOtherVrf] = 0;
-    RtmdTest::TearDown();
   }
   static void fill(rt_client &rtc, uint8_t af, uint32_t vrf) {
     ASSERT_EQ(rtmClientVrfInit(&rtc, vrf), 0);
@@ -86,27 +81,28 @@ TEST_F(Views, RouteCountSelectsPagesAndTotals) {
       {"VRF beyond the last", RTM_RC_ALL_AF, MAX_VRF, 0, RTM_RC_EBADREQ, 0, 0, 0, 0, 0, 0, 0},
   };
   for (const Case &c : cases) {
+    SCOPED_TRACE(c.what);
     rtmclient::RouteCountReply r = ask(c.af, c.vrf, c.cursor);
-    EXPECT_EQ(r.status, c.status) << c.what;
-    EXPECT_EQ(r.rows.size(), c.rows) << c.what;
-    EXPECT_EQ(r.next, c.next) << c.what;
-    EXPECT_EQ(r.total, c.total) << c.what;
-    EXPECT_EQ(r.active, c.active) << c.what;
-    EXPECT_EQ(r.inactiveBgp, c.total) << c.what;
+    EXPECT_EQ(r.status, c.status);
+    EXPECT_EQ(r.rows.size(), c.rows);
+    EXPECT_EQ(r.next, c.next);
+    EXPECT_EQ(r.total, c.total);
+    EXPECT_EQ(r.active, c.active);
+    EXPECT_EQ(r.inactiveBgp, c.total);
     if (r.rows.empty()) continue;
-    EXPECT_EQ(r.rows[0].cid, c.firstCid) << c.what;
-    EXPECT_EQ(r.rows[0].afIndex, c.firstAf) << c.what;
-    EXPECT_EQ(r.rows[0].vrfId, c.firstVrf) << c.what;
+    EXPECT_EQ(r.rows[0].cid, c.firstCid);
+    EXPECT_EQ(r.rows[0].afIndex, c.firstAf);
+    EXPECT_EQ(r.rows[0].vrfId, c.firstVrf);
     // Each row carries its own record, whatever page it is on.
     for (const auto &row : r.rows) {
       const rt_client &rtc = rt_client_tbl[row.afIndex][row.cid];
-      EXPECT_EQ(row.proto, rtc.rtc_proto) << c.what;
-      EXPECT_EQ(row.instance, rtc.rtc_instance) << c.what;
-      EXPECT_EQ(row.active, active(row.afIndex, row.cid, row.vrfId)) << c.what;
-      EXPECT_EQ(row.inactive, row.cid) << c.what;
-      EXPECT_EQ(row.activeBgp, row.afIndex) << c.what;
-      EXPECT_EQ(row.subtype[5], 5000 + row.cid) << c.what;
-      EXPECT_EQ(row.flags, row.cid == 7 ? RTM_RC_ROW_BLOCKED : 0) << c.what;
+      EXPECT_EQ(row.proto, rtc.rtc_proto);
+      EXPECT_EQ(row.instance, rtc.rtc_instance);
+      EXPECT_EQ(row.active, active(row.afIndex, row.cid, row.vrfId));
+      EXPECT_EQ(row.inactive, row.cid);
+      EXPECT_EQ(row.activeBgp, row.afIndex);
+      EXPECT_EQ(row.subtype[5], 5000 + row.cid);
+      EXPECT_EQ(row.flags, row.cid == 7 ? RTM_RC_ROW_BLOCKED : 0);
     }
   }
   // A request too short to say what it wants is refused and answered at its own length.
