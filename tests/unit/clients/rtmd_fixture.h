@@ -35,8 +35,7 @@ struct Peer {
 
 // What a registration message says.
 struct Reg {
-  uint32_t proto = RTM_PROTO_OSPF;
-  uint32_t instance = 0;
+  uint32_t proto = RTM_PROTO_OSPF, instance = 0;
   uint8_t afIndex = RTM_IPV4UNI_AFINDEX;
   uint32_t vrfId = 0;
   uint16_t multiQ = 0;
@@ -68,12 +67,8 @@ class RtmdTest : public ::testing::Test {
   }
 
   Peer &open(uint32_t svce, uint32_t inst = 0) {
-    Peer p;
-    p.key = qorIpcOpen(svce, inst);
-    p.svce = svce;
-    p.inst = inst;
-    EXPECT_GE(p.key, 0);
-    peers.push_back(p);
+    peers.push_back({qorIpcOpen(svce, inst), svce, inst});
+    EXPECT_GE(peers.back().key, 0);
     return peers.back();
   }
 
@@ -87,15 +82,12 @@ class RtmdTest : public ::testing::Test {
 
   static Msg regMsg(const Peer &p, const Reg &r) {
     Msg m = message(r.mtype, RTM_REG_MSG_LEN);
-    strncpy(reinterpret_cast<char *>(m.data() + RTM_REG_OFF_NAME), r.name, RTM_REG_NAME_LEN);
-    rtm::st32(m.data(), RTM_REG_OFF_PROTO, r.proto);
-    rtm::st32(m.data(), RTM_REG_OFF_INSTANCE, r.instance);
-    rtm::st32(m.data(), RTM_REG_OFF_VRFID, r.vrfId);
-    rtm::st32(m.data(), RTM_REG_OFF_SVCE, p.svce);
-    rtm::st32(m.data(), RTM_REG_OFF_IPCINST, p.inst);
-    m[RTM_REG_OFF_AFINDEX] = r.afIndex;
-    rtm::st16(m.data(), RTM_REG_OFF_MULTIQ, r.multiQ);
-    rtm::st32(m.data(), RTM_REG_OFF_NOOFQS, r.noOfQs);
+    uint8_t *d = m.data();
+    strncpy(reinterpret_cast<char *>(d + RTM_REG_OFF_NAME), r.name, RTM_REG_NAME_LEN);
+    rtm::st32(d, RTM_REG_OFF_PROTO, r.proto), rtm::st32(d, RTM_REG_OFF_INSTANCE, r.instance);
+    rtm::st32(d, RTM_REG_OFF_VRFID, r.vrfId), d[RTM_REG_OFF_AFINDEX] = r.afIndex;
+    rtm::st32(d, RTM_REG_OFF_SVCE, p.svce), rtm::st32(d, RTM_REG_OFF_IPCINST, p.inst);
+    rtm::st16(d, RTM_REG_OFF_MULTIQ, r.multiQ), rtm::st32(d, RTM_REG_OFF_NOOFQS, r.noOfQs);
     return m;
   }
 
@@ -113,8 +105,7 @@ class RtmdTest : public ::testing::Test {
   static Msg nonRtMsg(const Peer &p, uint32_t select) {
     Msg m = message(MT_RTM_REG_NONRT_CLIENT, RTM_NONRT_MSG_LEN);
     rtm::st32(m.data(), RTM_NONRT_OFF_SELECT, select);
-    rtm::st32(m.data(), RTM_NONRT_OFF_SVCE, p.svce);
-    rtm::st32(m.data(), RTM_NONRT_OFF_INST, p.inst);
+    rtm::st32(m.data(), RTM_NONRT_OFF_SVCE, p.svce), rtm::st32(m.data(), RTM_NONRT_OFF_INST, p.inst);
     return m;
   }
 
@@ -148,6 +139,13 @@ class RtmdTest : public ::testing::Test {
       if (m.size() >= IPC_HDR_LEN && rtm::ld32(m.data(), IPC_OFF_MTYPE) == mtype) out.push_back(m);
     return out;
   }
+  // The status word (at `off`) of the one answer of type mtype that reached the peer; the
+  // rest of what it received is dropped.
+  uint32_t statusOf(const Peer &p, uint32_t mtype, size_t off = IPC_OFF_MSTATUS) {
+    std::vector<Msg> answers = ofType(received(p), mtype);
+    EXPECT_EQ(answers.size(), 1u);
+    return answers.empty() ? 0xDEAD : rtm::ld32(answers[0].data(), off);
+  }
 
   // Registers and gives the answer: mstatus, and reg_cid in *cid. What else reached the peer
   // (first contents of a new agent) waits for received().
@@ -164,6 +162,13 @@ class RtmdTest : public ::testing::Test {
     if (answers.empty()) return 0xDEAD;
     if (cid) *cid = rtm::ld32(answers[0].data(), RTM_REG_OFF_CID);
     return rtm::ld32(answers[0].data(), IPC_OFF_MSTATUS);
+  }
+
+  // The handle of a registration that must succeed.
+  uint32_t registered(const Peer &p, const Reg &r) {
+    uint32_t cid = 0;
+    EXPECT_EQ(reg(p, r, &cid), RTM_REG_OK);
+    return cid;
   }
 
   static bool queueExists(uint32_t q) { return q != 0 && qorSwpQueueGetLen(q) >= 0; }

@@ -1,6 +1,6 @@
-// rtmd in-process with FIB agents on real sockets: the agents register with real messages,
-// read what reaches their socket, acknowledge it (or not) and keep the table the route messages
-// describe. Routes come from protocol clients put straight into the client table.
+// rtmd in-process with FIB agents on real sockets that register with real messages, keep the
+// table the route messages describe and acknowledge them (or not). Routes come from protocol
+// clients put straight into the client table.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -27,8 +27,8 @@ using rtmtest::Peer;
 struct Held {
   uint32_t proto = 0, metric = 0, marker = 0;
   bool weighted = false;
-  std::vector<std::tuple<std::string, uint32_t, uint32_t, uint32_t>> nhs;
-  std::string tlv;
+  std::vector<std::tuple<std::string, uint32_t, uint32_t, uint32_t>> nhs{};
+  std::string tlv{};
   bool operator==(const Held &) const = default;
 };
 inline void PrintTo(const Held &h, std::ostream *os) {
@@ -61,9 +61,7 @@ inline std::vector<Cmd> decode(const Msg &m) {
   const uint8_t af = ld32(m.data(), IPC_OFF_MTYPE) == MT_RTM_FIB_ROUTE ? 0 : 2;
   const Off &o = af == 0 ? k4 : k6;
   const size_t len = ld32(m.data(), IPC_OFF_MLEN);
-  EXPECT_EQ(len, m.size());
-  EXPECT_EQ(ld32(m.data(), 140), 8192u);
-  EXPECT_EQ(m[144], af);
+  EXPECT_EQ(std::tuple(len, ld32(m.data(), 140), m[144]), std::tuple(m.size(), 8192u, af));
   std::vector<Cmd> out;
   uint32_t counts[3] = {};
   for (size_t off = 148; off < len;) {
@@ -94,8 +92,7 @@ inline std::vector<Cmd> decode(const Msg &m) {
     out.push_back(cmd);
     off += size;
   }
-  EXPECT_EQ(ld32(m.data(), 132), counts[RT_ADD]);
-  EXPECT_EQ(ld32(m.data(), 136), counts[RT_DEL]);
+  EXPECT_EQ(std::tuple(ld32(m.data(), 132), ld32(m.data(), 136)), std::tuple(counts[RT_ADD], counts[RT_DEL]));
   return out;
 }
 
@@ -106,10 +103,10 @@ struct Agent {
   uint32_t expSeq = 1;   // next sequence the agent takes from rtmd
   uint32_t sendSeq = 1;  // next sequence of its own messages
   bool acks = true;
-  std::vector<Msg> unacked;  // kept while the agent does not acknowledge
-  Table table;
-  std::vector<Cmd> cmds;  // every command received, in order
-  uint32_t routeMsgs = 0, nhMsgs = 0, begins = 0;
+  std::vector<Msg> unacked{};  // kept while the agent does not acknowledge
+  Table table{};
+  std::vector<Cmd> cmds{};  // every command received, in order
+  uint32_t routeMsgs = 0, nhMsgs = 0;
   rt_client *rtc() const { return rtmClientGetByHandle(af, cid); }
 };
 
@@ -127,19 +124,11 @@ class DownloadTest : public ribtest::RibTest {
 
  public:
   // A protocol client of every VRF, straight into the table at a handle registrations take last.
-  void proto(uint32_t cid, uint32_t p, uint8_t af) {
-    rt_client &rtc = rt_client_tbl[af][cid];
-    rtc.rtc_state = RTC_STATE_ACTIVE, rtc.rtc_cid = cid, rtc.rtc_proto = p, rtc.rtc_afIndex = af;
-    rtc.rtc_vrfId = ALL_VRF_ID;
-    EXPECT_EQ(rtmClientVrfInit(&rtc, 0), 0);
-  }
+  void proto(uint32_t cid, uint32_t p, uint8_t af) { client(cid, p, af, ALL_VRF_ID); }
 
   Agent &agent(uint32_t svce, uint32_t slot, uint8_t af = RTM_IPV4UNI_AFINDEX, uint32_t p = RTM_PROTO_FIB) {
-    Agent a;
-    a.peer = &open(svce);
-    a.af = af;
-    EXPECT_EQ(reg(*a.peer, {p, slot, af}, &a.cid), RTM_REG_OK);
-    agents.push_back(a);
+    Peer &peer = open(svce);
+    agents.push_back({&peer, registered(peer, {p, slot, af}), af});
     return agents.back();
   }
 
@@ -147,10 +136,6 @@ class DownloadTest : public ribtest::RibTest {
   // it; everything is acknowledged in order unless the agent has stopped acknowledging.
   bool take(Agent &a) {
     bool any = a.acks && !a.unacked.empty();
-    if (any) {
-      for (const Msg &m : a.unacked) qorSwpCkSeqAndAck(m.data(), &a.expSeq, a.peer->queue());
-      a.unacked.clear();
-    }
     for (Msg &m : received(*a.peer)) {
       any = true;
       const uint32_t type = ld32(m.data(), IPC_OFF_MTYPE);
@@ -166,11 +151,12 @@ class DownloadTest : public ribtest::RibTest {
         }
       }
       a.nhMsgs += type == MT_RTM_FIB_NH;
-      if (type == MT_RTM_DNLD_CNTRL) ++a.begins, a.table.clear();
-      if (a.acks)
-        qorSwpCkSeqAndAck(m.data(), &a.expSeq, a.peer->queue());
-      else
-        a.unacked.push_back(std::move(m));
+      if (type == MT_RTM_DNLD_CNTRL) a.table.clear();
+      a.unacked.push_back(std::move(m));
+    }
+    if (a.acks) {
+      for (const Msg &m : a.unacked) qorSwpCkSeqAndAck(m.data(), &a.expSeq, a.peer->queue());
+      a.unacked.clear();
     }
     return any;
   }
@@ -189,14 +175,10 @@ class DownloadTest : public ribtest::RibTest {
 
   // A download control message from the agent, on its own sequence.
   void control(Agent &a, uint32_t action, uint32_t vrfId) {
-    Msg m(RTM_DNLD_CNTRL_LEN, 0);
-    rtm::st32(m.data(), IPC_OFF_MLEN, RTM_DNLD_CNTRL_LEN);
-    rtm::st32(m.data(), IPC_OFF_MTYPE, MT_RTM_DNLD_CNTRL);
-    rtm::st32(m.data(), SWP_OFF_QUEUE, 1);
-    rtm::st32(m.data(), SWP_OFF_SEQ, a.sendSeq++);
+    Msg m = message(MT_RTM_DNLD_CNTRL, RTM_DNLD_CNTRL_LEN);
+    rtm::st32(m.data(), SWP_OFF_QUEUE, 1), rtm::st32(m.data(), SWP_OFF_SEQ, a.sendSeq++);
     rtm::st32(m.data(), RTM_DNLD_CNTRL_OFF_CID, a.af == 0 ? a.cid << 16 : a.cid);
-    rtm::st32(m.data(), RTM_DNLD_CNTRL_OFF_ACTION, action);
-    rtm::st32(m.data(), RTM_DNLD_CNTRL_OFF_VRFID, vrfId);
+    rtm::st32(m.data(), RTM_DNLD_CNTRL_OFF_ACTION, action), rtm::st32(m.data(), RTM_DNLD_CNTRL_OFF_VRFID, vrfId);
     m[RTM_DNLD_CNTRL_OFF_AFINDEX] = a.af;
     send(*a.peer, m);
   }
@@ -209,11 +191,8 @@ class DownloadTest : public ribtest::RibTest {
       const rt_head *rth = rtmHeadOf(h);
       const rt_entry *e = rth->rtmh_rte;
       if (!e) continue;
-      Held held;
-      held.proto = e->rte_proto == RTM_PROTO_VRRP ? RTM_PROTO_CONNECTED : e->rte_proto;
-      held.metric = static_cast<uint32_t>(e->rte_metric);
-      held.marker = rtmhHas(rth, RTMH_VRRP) ? 0xFFFFFFFFu : 0;
-      held.weighted = e->rte_wecmp;
+      Held held{e->rte_proto == RTM_PROTO_VRRP ? RTM_PROTO_CONNECTED : e->rte_proto, uint32_t(e->rte_metric),
+                rtmhHas(rth, RTMH_VRRP) ? 0xFFFFFFFFu : 0, bool(e->rte_wecmp)};
       for (unsigned i = 0; i < e->rte_nnh; ++i) {
         const rt_nh *n = rtmRteNh(e)[i];
         held.nhs.emplace_back(text(af, n->rtn_addr), n->rtn_ifindex, n->rtn_vrfId, e->rte_wecmp ? n->rtn_weight : 0);

@@ -12,6 +12,7 @@
 #include "vrf/rtm_vrf.h"
 
 using namespace dltest;
+using std::tuple;
 
 namespace {
 
@@ -73,9 +74,8 @@ TEST_F(Walks, AgentsHoldTheActiveRoutesAfterRandomChanges) {
   EXPECT_EQ(a.table, ribTable(0));
   EXPECT_EQ(b.table, ribTable(0));
   EXPECT_EQ(c.table, ribTable(2));
-  EXPECT_EQ(tombstones(0) + tombstones(2), 0u);
-  EXPECT_TRUE(onSuper(a) && onSuper(b) && onSuper(c));
-  EXPECT_EQ(inUse(RTM_SWP_DNLD_POOL), 0u);
+  EXPECT_EQ(tuple(tombstones(0) + tombstones(2), onSuper(a) && onSuper(b) && onSuper(c), inUse(RTM_SWP_DNLD_POOL)),
+            tuple(0u, true, 0u));
 }
 
 // What an agent hears of one prefix, and when the head of a deleted prefix is freed. The FIB
@@ -121,7 +121,8 @@ TEST_F(Walks, WhatAnAgentIsToldOfAPrefix) {
 }
 
 // Caught-up agents are served by one walk whose messages are copied to each; an agent leaves
-// the group while it is filtered, and comes back once it stands where the group stands.
+// the group while it is filtered, and comes back once it stands where the group stands. The
+// group's pace and the marks of a queue.
 TEST_F(Walks, TheSuperGroup) {
   Agent &a = agent(900, 0), &b = agent(901, 1);
   settle();
@@ -131,11 +132,9 @@ TEST_F(Walks, TheSuperGroup) {
   EXPECT_EQ(a.table, ribTable(0));
   EXPECT_EQ(b.table, a.table);
   // One walk: the dummy bundled each route once, the members nothing themselves.
-  EXPECT_EQ(dummySuperClient[0]->rtc_addCount, 300u);
-  EXPECT_EQ(a.rtc()->rtc_addCount + b.rtc()->rtc_addCount, 0u);
-  EXPECT_EQ(a.routeMsgs, 3u);
-  EXPECT_EQ(a.rtc()->rtc_superSendCount, a.routeMsgs + a.nhMsgs);
-  EXPECT_EQ(b.rtc()->rtc_superSendCount, b.routeMsgs + b.nhMsgs);
+  EXPECT_EQ(tuple(dummySuperClient[0]->rtc_addCount, a.rtc()->rtc_addCount + b.rtc()->rtc_addCount, a.routeMsgs,
+                  a.rtc()->rtc_superSendCount, b.rtc()->rtc_superSendCount),
+            tuple(300u, 0u, 3u, a.routeMsgs + a.nhMsgs, b.routeMsgs + b.nhMsgs));
   struct Case {
     const char *name;
     std::function<void()> leave, back;
@@ -161,9 +160,7 @@ TEST_F(Walks, TheSuperGroup) {
     Route r = route(p, 24);
     ASSERT_EQ(add(kOspf, r), RTM_SUCCESS);
     settle();
-    EXPECT_EQ(onSuper(a), c.member);
-    EXPECT_EQ(a.table == ribTable(0), c.receives);
-    EXPECT_TRUE(onSuper(b));
+    EXPECT_EQ(tuple(onSuper(a), a.table == ribTable(0), onSuper(b)), tuple(c.member, c.receives, true));
     EXPECT_EQ(b.table, ribTable(0));
     c.back();
     settle();
@@ -186,20 +183,12 @@ TEST_F(Walks, TheSuperGroup) {
     second->rtc()->rtc_dnldState = k.failed2 ? RTC_Q_STOPPED : RTC_Q_REGISTERED;
     EXPECT_EQ(rtmGetLargestSwpQ(0), k.pick->rtc()->rtc_dnldQ) << k.more1 << " " << k.more2;
   }
-}
-
-// A queue's state against its marks, 100 and 200: below, between (marks included), above. That
-// a queue above the mark holds its agent back until it acknowledges is the system test's.
-TEST_F(Walks, QueueMarks) {
-  Agent &a = agent(900, 0);
-  settle();
-  a.acks = false;
-  int held = 0;
+  // A queue's state against its marks, 100 and 200: below, between (marks included), above. That
+  // a queue above the mark holds its agent back until it acknowledges is the system test's.
   for (auto [len, state] : {std::pair{99, 0u}, {100, 2u}, {200, 2u}, {201, 1u}}) {
-    fill(a, len - held);
-    held = len;
-    rtmDownloadCkSwpQlen(a.rtc(), 200, 100);
-    EXPECT_EQ(a.rtc()->rtc_qState, state) << len;
+    fill(*first, len - qorSwpQueueGetLen(first->rtc()->rtc_dnldQ));
+    rtmDownloadCkSwpQlen(first->rtc(), 200, 100);
+    EXPECT_EQ(first->rtc()->rtc_qState, state) << len;
   }
 }
 
@@ -219,9 +208,7 @@ TEST_F(Walks, AStalledAgentFailsAndTheOtherGoesOn) {
     settle();
   }
   ASSERT_EQ(a.rtc()->rtc_dnldState, RTC_Q_STOPPED);
-  EXPECT_EQ(a.rtc()->rtc_lastCnt, 1u);
-  EXPECT_FALSE(onSuper(a));
-  EXPECT_FALSE(holds(head("10.5.0.0", 16), a));
+  EXPECT_EQ(tuple(a.rtc()->rtc_lastCnt, onSuper(a), holds(head("10.5.0.0", 16), a)), tuple(1u, false, false));
   Route r2 = route("10.7.0.0", 16);
   ASSERT_EQ(add(kOspf, r2), RTM_SUCCESS);
   settle();
@@ -259,10 +246,8 @@ TEST_F(Walks, ControlMessages) {
     ASSERT_EQ(marks.size(), c.begins);
     for (const Msg &m : marks) {
       ASSERT_EQ(m.size(), 144u);
-      EXPECT_EQ(ld32(m.data(), 128), 0u);
-      EXPECT_EQ(ld32(m.data(), 132), RTM_CNTRL_DNLD_BEGINS);
-      EXPECT_EQ(ld32(m.data(), 136), c.vrf);
-      EXPECT_EQ(m[140], ag.af);
+      EXPECT_EQ(tuple(ld32(m.data(), 128), ld32(m.data(), 132), ld32(m.data(), 136), m[140]),
+                tuple(0u, RTM_CNTRL_DNLD_BEGINS, c.vrf, ag.af));
     }
     for (Msg &m : got) backlog[ag.peer->key].push_back(std::move(m));
     settle();
@@ -276,14 +261,11 @@ TEST_F(Walks, ControlMessages) {
   EXPECT_TRUE(a.cmds.empty());
 }
 
-// Resets of the walk from another thread, a renumbering of the change list, and when the
-// thread may rest.
 TEST_F(Walks, RestartsAndRest) {
   Agent &a = agent(900, 0), &b = agent(901, 1);
   addMany("10.10.%u.%u", 50);
   settle();
-  EXPECT_GT(rtmdnldpollresume, 0u);
-  EXPECT_EQ(rtmPollWalkAllNodes[0][0] & rtmPollWalkAllNodes[0][2], 1u);
+  EXPECT_EQ(tuple(rtmdnldpollresume > 0, rtmPollWalkAllNodes[0][0] & rtmPollWalkAllNodes[0][2]), tuple(true, 1u));
   // Nothing to do, or no VRF in use: the pass may rest.
   EXPECT_EQ(rtmDownloadPass(), 1);
   g_rtmVrfInUse[0] = 0;
@@ -292,8 +274,7 @@ TEST_F(Walks, RestartsAndRest) {
   // A reset while an agent walks on its own: the thread has rested when the call returns.
   control(b, RTM_CNTRL_START_DNLD, 0);
   rtmClearDownloadThread(0, RTM_IPV4UNI_AFINDEX);
-  EXPECT_EQ(rtmDnldRestart[0][0], 0u);
-  EXPECT_EQ(qorThreadIsSuspended(rtmThreads, rtmThreadRteDn), 1);
+  EXPECT_EQ(tuple(rtmDnldRestart[0][0], qorThreadIsSuspended(rtmThreads, rtmThreadRteDn)), tuple(0u, 1));
   qorThreadResume(rtmThreads, rtmThreadRteDn);
   settle();
   EXPECT_EQ(b.table, ribTable(0));
