@@ -4,9 +4,8 @@
 #include <cstring>
 #include <map>
 #include <random>
-#include <set>
 
-#include "log/qor_log.h"
+#include "frame/rtm_mem.h"
 #include "mem/qor_mem.h"
 
 namespace {
@@ -20,6 +19,7 @@ class QorMemTest : public ::testing::Test {
     ASSERT_EQ(qor_memPartFixedInit(kFirst, kLast, &part), 0);
   }
   void TearDown() override { qorMemReset(); }
+  static void *alloc(uint32_t number, size_t size) { return qorMC_M_memBlockAlloc(number, size, 0, nullptr, 0); }
   QorMemPoolStats stats(uint32_t number) {
     QorMemPoolStats s;
     EXPECT_EQ(qorMemPoolStatsGet(number, &s), 0);
@@ -31,9 +31,7 @@ class QorMemTest : public ::testing::Test {
 TEST_F(QorMemTest, PoolCreationIsRefusedOutsideItsPartitionOrTwice) {
   struct Case {
     const char *what;
-    uint32_t number;
-    QOR_MEM_PART_ID part;
-    uint32_t size;
+    uint32_t number, part, size;
     int rc;
   } cases[] = {
       {"first number", kFirst, kFirst, 100, 0},
@@ -44,8 +42,7 @@ TEST_F(QorMemTest, PoolCreationIsRefusedOutsideItsPartitionOrTwice) {
       {"zero block size", kFirst + 2, kFirst, 0, QOR_MEM_ERR},
       {"block larger than a chunk", kFirst + 3, kFirst, uint32_t(QOR_MEM_CHUNK_SIZE), QOR_MEM_ERR},
   };
-  for (const Case &c : cases)
-    EXPECT_EQ(qorMC_M_memPoolCreate("p", c.number, c.part, c.size), c.rc) << c.what;
+  for (const Case &c : cases) EXPECT_EQ(qorMC_M_memPoolCreate("p", c.number, c.part, c.size), c.rc) << c.what;
   QOR_MEM_PART_ID other;
   EXPECT_EQ(qor_memPartFixedInit(kLast, kLast + 4, &other), QOR_MEM_ERR) << "overlapping partition";
   EXPECT_EQ(qor_memPartFixedInit(kLast + 1, kLast + 4, &other), 0);
@@ -58,26 +55,21 @@ TEST_F(QorMemTest, BlocksAreDistinctAlignedAndCountedAcrossChunks) {
   const size_t n = 3 * QOR_MEM_CHUNK_SIZE / 100;
   std::vector<uint8_t *> blocks;
   for (size_t i = 0; i < n; ++i) {
-    blocks.push_back(static_cast<uint8_t *>(qorMC_M_memBlockAlloc(kFirst, 100, 0, __FILE__, __LINE__)));
+    blocks.push_back(static_cast<uint8_t *>(alloc(kFirst, 100)));
     ASSERT_NE(blocks.back(), nullptr);
     ASSERT_EQ(reinterpret_cast<uintptr_t>(blocks.back()) % 8, 0u);
   }
   for (size_t i = 0; i < n; i += 2) ASSERT_EQ(qorMC_M_memBlockFree(blocks[i]), 0);
   QorMemPoolStats s = stats(kFirst);
-  EXPECT_EQ(s.name, "heads");
-  EXPECT_EQ(s.blockSize, 100u);
-  EXPECT_EQ(s.allocs, n);
-  EXPECT_EQ(s.frees, (n + 1) / 2);
-  EXPECT_EQ(s.inUse, n / 2);
-  EXPECT_EQ(s.peak, n);
-  EXPECT_EQ(s.failures, 0u);
+  EXPECT_EQ(std::tuple(s.name, s.blockSize, s.allocs, s.frees, s.inUse, s.peak, s.failures),
+            std::tuple("heads", 100u, n, (n + 1) / 2, n / 2, n, 0u));
   EXPECT_EQ(qorMemBlockPool(blocks[1]), kFirst);
   EXPECT_EQ(qorMemBlockPool(blocks[0]), 0u) << "a freed block belongs to no pool";
 #ifndef RTM_SANITIZED
   EXPECT_EQ(s.bytesReserved % QOR_MEM_CHUNK_SIZE, 0u);
   EXPECT_GE(s.bytesReserved, 3 * QOR_MEM_CHUNK_SIZE);
   // A freed block is the next one handed out.
-  void *again = qorMC_M_memBlockAlloc(kFirst, 100, 0, __FILE__, __LINE__);
+  void *again = alloc(kFirst, 100);
   EXPECT_EQ(again, blocks[n % 2 ? n - 1 : n - 2]);
 #endif
 }
@@ -98,19 +90,15 @@ TEST_F(QorMemTest, FreeRefusesWhatIsNotALiveBlockOfAFixedPool) {
   ASSERT_EQ(qorMC_M_memPoolCreate("b", kFirst + 1, part, 64), 0);
   const uint32_t classes[] = {32, 128};
   ASSERT_EQ(qorMC_qor_memPartVarInit(0x42, 0, classes, 2), 0);
-  auto *live = static_cast<char *>(qorMC_M_memBlockAlloc(kFirst, 64, 0, nullptr, 0));
-  void *freed = qorMC_M_memBlockAlloc(kFirst, 64, 0, nullptr, 0);
-  void *never = qorMC_M_memBlockAlloc(kFirst + 1, 64, 0, nullptr, 0);  // keeps pool b's chunk
+  auto *live = static_cast<char *>(alloc(kFirst, 64));
+  void *freed = alloc(kFirst, 64);
+  void *never = alloc(kFirst + 1, 64);  // keeps pool b's chunk
   ASSERT_EQ(qorMC_M_memBlockFree(freed), 0);
   void *varBlock = qorMC_M_memBlockVarAlloc(0x42, 20, 0, nullptr, 0);
   void *sysBlock = qorMC_M_sysMalloc(64, nullptr, 0, 0);
   void *heap = malloc(64);
   int onStack = 0;
-  struct Case {
-    const char *what;
-    void *p;
-    int rc;
-  } cases[] = {
+  const std::tuple<const char *, void *, int> cases[] = {
       {"null", nullptr, QOR_MEM_ENOTBLOCK},
       {"stack", &onStack, QOR_MEM_ENOTBLOCK},
       {"plain heap", heap, QOR_MEM_ENOTBLOCK},
@@ -119,11 +107,9 @@ TEST_F(QorMemTest, FreeRefusesWhatIsNotALiveBlockOfAFixedPool) {
       {"size-class block", varBlock, QOR_MEM_ENOTBLOCK},
       {"system block", sysBlock, QOR_MEM_ENOTBLOCK},
   };
-  for (const Case &c : cases) EXPECT_EQ(qorMC_M_memBlockFree(c.p), c.rc) << c.what;
+  for (auto [what, p, rc] : cases) EXPECT_EQ(qorMC_M_memBlockFree(p), rc) << what;
   QorMemPoolStats s = stats(kFirst);
-  EXPECT_EQ(s.inUse, 1u);
-  EXPECT_EQ(s.frees, 1u);
-  EXPECT_EQ(s.badFrees, 1u);
+  EXPECT_EQ(std::tuple(s.inUse, s.frees, s.badFrees), std::tuple(1u, 1u, 1u)) << "only the double free is the pool's";
   // The refused blocks are intact and go back through their own functions.
   EXPECT_EQ(qorMC_M_memBlockVarFree(live), QOR_MEM_ENOTBLOCK) << "fixed block through the var free";
   EXPECT_EQ(qorMC_M_sysMemfree(live), QOR_MEM_ENOTBLOCK);
@@ -139,54 +125,43 @@ TEST_F(QorMemTest, FreeRefusesWhatIsNotALiveBlockOfAFixedPool) {
 
 TEST_F(QorMemTest, AllocationRefusalsAndTheBlocksOfADeletedPool) {
   ASSERT_EQ(qorMC_M_memPoolCreate("a", kFirst, part, 40), 0);
-  EXPECT_EQ(qorMC_M_memBlockAlloc(kFirst, 41, 0, nullptr, 0), nullptr) << "larger than the block";
-  void *b = qorMC_M_memBlockAlloc(kFirst, 40, 0, nullptr, 0);
+  EXPECT_EQ(alloc(kFirst, 41), nullptr) << "larger than the block";
+  void *b = alloc(kFirst, 40);
   EXPECT_NE(b, nullptr);
   EXPECT_EQ(stats(kFirst).failures, 1u);
-  EXPECT_EQ(qorMC_M_memBlockAlloc(kFirst + 5, 8, 0, nullptr, 0), nullptr) << "no such pool";
+  EXPECT_EQ(alloc(kFirst + 5, 8), nullptr) << "no such pool";
   ASSERT_EQ(qorMC_M_memPoolDelete(kFirst), 0);
   EXPECT_FALSE(qorMemPoolExists(kFirst));
   EXPECT_EQ(qorMC_M_memBlockFree(b), QOR_MEM_ENOTBLOCK) << "a stranger now";
-  EXPECT_EQ(qorMC_M_memBlockAlloc(kFirst, 40, 0, nullptr, 0), nullptr);
+  EXPECT_EQ(alloc(kFirst, 40), nullptr);
   EXPECT_EQ(qorMC_M_memPoolCreate("a", kFirst, part, 40), 0) << "the number can be used again";
 }
 
 TEST_F(QorMemTest, SizeClassesServeTheSmallestThatFitsAndFallBackAboveTheLargest) {
-  // The table as the daemon passes it: unsorted, with repeats.
-  const uint32_t sizes[] = {184, 156, 20,  88,  92,  96,  100, 104, 112, 116, 120, 124, 128, 132, 136, 140,
-                            144, 148, 152, 184, 216, 280, 344, 104, 116, 128, 140, 152, 164, 176, 188, 200,
-                            212, 224, 236, 248, 260, 272, 284, 380, 476, 668, 860, 40,  64,  2180};
-  ASSERT_EQ(qorMC_qor_memPartVarInit(0x60000, 0, sizes, 46), 0);
-  EXPECT_EQ(qorMC_qor_memPartVarInit(0x60000, 0, sizes, 46), QOR_MEM_ERR) << "exists";
-  struct Case {
-    size_t request, served;
-  } cases[] = {{1, 20},    {20, 20},    {21, 40},   {41, 64},   {65, 88},     {89, 92},    {93, 96},
-               {101, 104}, {157, 164},  {185, 188}, {861, 2180}, {2180, 2180}, {2181, 0},   {100000, 0}};
-  for (const Case &c : cases) EXPECT_EQ(qorMemVarClassFor(0x60000, c.request), c.served) << c.request;
-
+  // The daemon's table: unsorted, with repeats.
+  ASSERT_EQ(qorMC_qor_memPartVarInit(0x60000, 0, rtmVarPartSizes, RTM_MEM_VAR_SIZES_COUNT), 0);
+  EXPECT_EQ(qorMC_qor_memPartVarInit(0x60000, 0, rtmVarPartSizes, RTM_MEM_VAR_SIZES_COUNT), QOR_MEM_ERR) << "exists";
+  const std::pair<size_t, size_t> cases[] = {{1, 20},   {20, 20},   {21, 40},    {41, 64},     {65, 88},
+                                             {89, 92},  {93, 96},   {101, 104},  {157, 164},   {185, 188},
+                                             {861, 2180}, {2180, 2180}, {2181, 0}, {100000, 0}};
   std::vector<void *> blocks;
-  for (const Case &c : cases) {
-    auto *b = static_cast<uint8_t *>(qorMC_M_memBlockVarAlloc(0x60000, c.request, 0, nullptr, 0));
+  for (auto [request, served] : cases) {
+    EXPECT_EQ(qorMemVarClassFor(0x60000, request), served) << request;
+    auto *b = static_cast<uint8_t *>(qorMC_M_memBlockVarAlloc(0x60000, request, 0, nullptr, 0));
     ASSERT_NE(b, nullptr);
-    memset(b, 0xAB, c.request);  // the whole request is ours
+    memset(b, 0xAB, request);  // the whole request is ours
     blocks.push_back(b);
   }
   QorMemVarStats vs;
   ASSERT_EQ(qorMemVarStatsGet(0x60000, &vs), 0);
-  EXPECT_EQ(vs.classes.size(), 40u) << "one class per distinct size";
-  EXPECT_EQ(vs.inUse, std::size(cases));
-  EXPECT_EQ(vs.fallbacks, 2u);
-  EXPECT_EQ(vs.fallbackInUse, 2u);
-  auto cls = [&](uint32_t size) {
-    return *std::find_if(vs.classes.begin(), vs.classes.end(), [&](auto &c) { return c.size == size; });
-  };
-  EXPECT_EQ(cls(2180).inUse, 2u);
-  EXPECT_EQ(cls(20).inUse, 2u);
+  // One class per distinct size, ascending; two requests above the largest went to the heap.
+  EXPECT_EQ(std::tuple(vs.classes.size(), vs.inUse, vs.fallbacks, vs.fallbackInUse),
+            std::tuple(40u, std::size(cases), 2u, 2u));
+  const QorMemVarClassStats &lo = vs.classes.front(), &hi = vs.classes.back();
+  EXPECT_EQ(std::tuple(lo.size, lo.inUse, hi.size, hi.inUse), std::tuple(20u, 2u, 2180u, 2u));
   for (void *b : blocks) EXPECT_EQ(qorMC_M_memBlockVarFree(b), 0);
   ASSERT_EQ(qorMemVarStatsGet(0x60000, &vs), 0);
-  EXPECT_EQ(vs.inUse, 0u);
-  EXPECT_EQ(vs.fallbackInUse, 0u);
-  EXPECT_EQ(vs.peak, std::size(cases));
+  EXPECT_EQ(std::tuple(vs.inUse, vs.fallbackInUse, vs.peak), std::tuple(0u, 0u, std::size(cases)));
 }
 
 TEST_F(QorMemTest, FailNextHitsOnlyItsPoolAndFailAfterHitsEveryAllocator) {
@@ -195,36 +170,28 @@ TEST_F(QorMemTest, FailNextHitsOnlyItsPoolAndFailAfterHitsEveryAllocator) {
   const uint32_t classes[] = {64};
   ASSERT_EQ(qorMC_qor_memPartVarInit(7, 0, classes, 1), 0);
 
+  auto pool = [](uint32_t n) { return alloc(n, 32) != nullptr; };
+  auto var = [] { return qorMC_M_memBlockVarAlloc(7, 10, 0, nullptr, 0) != nullptr; };
+  auto sys = [] { return qorMC_M_sysMalloc(10, nullptr, 0, 0) != nullptr; };
+  using Got = std::vector<bool>;  // braces: the calls run left to right
+
   qorMemFailNext(kFirst, 2);
-  EXPECT_EQ(qorMC_M_memBlockAlloc(kFirst, 32, 0, nullptr, 0), nullptr);
-  EXPECT_NE(qorMC_M_memBlockAlloc(kFirst + 1, 32, 0, nullptr, 0), nullptr) << "other pool unaffected";
-  EXPECT_NE(qorMC_M_memBlockVarAlloc(7, 10, 0, nullptr, 0), nullptr);
-  EXPECT_EQ(qorMC_M_memBlockAlloc(kFirst, 32, 0, nullptr, 0), nullptr);
-  EXPECT_NE(qorMC_M_memBlockAlloc(kFirst, 32, 0, nullptr, 0), nullptr) << "only two";
+  EXPECT_EQ((Got{pool(kFirst), pool(kFirst + 1), var(), pool(kFirst), pool(kFirst)}), (Got{0, 1, 1, 0, 1}));
   EXPECT_EQ(stats(kFirst).failures, 2u);
   EXPECT_EQ(stats(kFirst + 1).failures, 0u);
 
   qorMemVarFailNext(1);
   qorMemSysFailNext(1);
-  EXPECT_EQ(qorMC_M_memBlockVarAlloc(7, 10, 0, nullptr, 0), nullptr);
-  EXPECT_EQ(qorMC_M_sysMalloc(10, nullptr, 0, 0), nullptr);
-  EXPECT_NE(qorMC_M_memBlockAlloc(kFirst, 32, 0, nullptr, 0), nullptr);
-  void *sys = qorMC_M_sysMalloc(10, nullptr, 0, 0);
-  EXPECT_NE(sys, nullptr);
+  EXPECT_EQ((Got{var(), sys(), pool(kFirst), var(), sys()}), (Got{0, 0, 1, 1, 1}));
   EXPECT_EQ(qorMemSysStats().failures, 1u);
 
+  void *sysBlock = qorMC_M_sysMalloc(10, nullptr, 0, 0);
   qorMemFailAfter(3);
-  EXPECT_NE(qorMC_M_memBlockAlloc(kFirst, 32, 0, nullptr, 0), nullptr);
-  EXPECT_NE(qorMC_M_memBlockVarAlloc(7, 10, 0, nullptr, 0), nullptr);
-  EXPECT_NE(qorMC_M_sysMalloc(10, nullptr, 0, 0), nullptr);
-  for (int i = 0; i < 3; ++i) {
-    EXPECT_EQ(qorMC_M_memBlockAlloc(kFirst + 1, 32, 0, nullptr, 0), nullptr);
-    EXPECT_EQ(qorMC_M_memBlockVarAlloc(7, 10, 0, nullptr, 0), nullptr);
-    EXPECT_EQ(qorMC_M_sysMalloc(10, nullptr, 0, 0), nullptr);
-  }
-  EXPECT_EQ(qorMC_M_sysMemfree(sys), 0) << "frees still work";
+  EXPECT_EQ((Got{pool(kFirst), var(), sys()}), (Got{1, 1, 1}));
+  for (int i = 0; i < 3; ++i) EXPECT_EQ((Got{pool(kFirst + 1), var(), sys()}), (Got{0, 0, 0}));
+  EXPECT_EQ(qorMC_M_sysMemfree(sysBlock), 0) << "frees still work";
   qorMemFailAfter(-1);
-  EXPECT_NE(qorMC_M_memBlockAlloc(kFirst + 1, 32, 0, nullptr, 0), nullptr);
+  EXPECT_TRUE(pool(kFirst + 1));
 }
 
 TEST_F(QorMemTest, RandomAllocAndFreeAgreeWithAModel) {
@@ -235,7 +202,7 @@ TEST_F(QorMemTest, RandomAllocAndFreeAgreeWithAModel) {
   for (int step = 0; step < 40000; ++step) {
     uint32_t i = rng() % 4;
     if (live.empty() || rng() % 100 < 55) {
-      auto *b = static_cast<uint8_t *>(qorMC_M_memBlockAlloc(kFirst + i, sizes[i], 0, nullptr, 0));
+      auto *b = static_cast<uint8_t *>(alloc(kFirst + i, sizes[i]));
       ASSERT_NE(b, nullptr);
       ASSERT_EQ(live.count(b), 0u) << "handed out twice";
       memset(b, int(i + 1), sizes[i]);

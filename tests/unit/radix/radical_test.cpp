@@ -48,8 +48,8 @@ class ChangeList : public ::testing::Test {
   std::vector<std::unique_ptr<Rec>> recs;
 };
 
-// Budgets and ceilings, each row from a fresh walker over A1 B2 C3 D4.
-TEST_F(ChangeList, LimitAndCeiling) {
+// Budgets and ceilings, each row from a fresh walker over A1 B2 C3 D4; then the walker is gone.
+TEST_F(ChangeList, LimitAndCeilingAndAnUnregisteredWalker) {
   append("ABCD");
   struct Row {
     uint32_t limit;
@@ -77,21 +77,11 @@ TEST_F(ChangeList, LimitAndCeiling) {
     EXPECT_EQ(w.walker_version, r.walkerVersion) << r.limit << " " << r.ceiling;
     EXPECT_EQ(qorRadicalNextVersion(t, &w), r.next) << r.limit << " " << r.ceiling;
     EXPECT_EQ(qorRadicalWalkDestructor(t, &w), 0);
+    EXPECT_EQ(qorRadicalWalkDestructor(t, &w), 1) << "already gone";
+    EXPECT_EQ(qorRadicalNextVersion(t, &w), 0u) << "nothing is pending for a walker that is gone";
+    EXPECT_EQ(walk(w), "unregistered");
   }
   EXPECT_EQ(t->rdl_walkers, 0u);
-}
-
-// Re-registration and walks after a wrap are checked against the model below; here a walker
-// that is gone.
-TEST_F(ChangeList, AnUnregisteredWalkerIsRefused) {
-  append("ABCD");
-  qor_radical_walker w{};
-  qorRadicalWalkConstructor(t, &w);
-  EXPECT_EQ(walk(w, 2), "AB");
-  EXPECT_EQ(qorRadicalWalkDestructor(t, &w), 0);
-  EXPECT_EQ(qorRadicalWalkDestructor(t, &w), 1) << "already gone";
-  EXPECT_EQ(qorRadicalNextVersion(t, &w), 0u);
-  EXPECT_EQ(walk(w), "unregistered");
 }
 
 // The model sees the list start over; here the epoch and the heads left behind.
@@ -117,14 +107,11 @@ TEST_F(ChangeList, VersionSpaceWrapRestartsTheList) {
 
 TEST_F(ChangeList, VersionWalkFromAVersion) {
   append("ABCDB");  // A1 C3 D4 B5
-  struct Row {
-    uint64_t from;
-    const char *seen;
-  } rows[] = {{0, "ACDB"}, {1, "CDB"}, {2, "CDB"}, {4, "B"}, {5, ""}, {9, ""}};
-  for (const Row &r : rows) {
+  const std::pair<uint64_t, const char *> rows[] = {{0, "ACDB"}, {1, "CDB"}, {2, "CDB"}, {4, "B"}, {5, ""}, {9, ""}};
+  for (auto [from, want] : rows) {
     std::string seen;
-    EXPECT_EQ(qorRadixVersionWalk(t, r.from, collect, &seen), 0);
-    EXPECT_EQ(seen, r.seen) << r.from;
+    EXPECT_EQ(qorRadixVersionWalk(t, from, collect, &seen), 0);
+    EXPECT_EQ(seen, want) << from;
   }
   EXPECT_EQ(t->rdl_walkers, 0u) << "the walk's own walker is gone";
   EXPECT_EQ(qorRadixVersionWalk(t, 0, [](qor_radix_hdr *, void *) { return 7; }, nullptr), 7);
@@ -136,30 +123,22 @@ TEST_F(ChangeList, VersionWalkFromAVersion) {
 class ChangeListModel : public ::testing::TestWithParam<uint64_t> {};
 
 TEST_P(ChangeListModel, WalkersSeeWhatTheModelPredicts) {
-  const uint64_t maxVersion = GetParam();
-  std::mt19937 rng{uint32_t(maxVersion)};
-  qor_radix_tree *t = qorRadixCreate("m", 32, nullptr, nullptr, 0);
-  t->rdx_maxVersion = maxVersion;
   constexpr int kHeads = 40, kWalkers = 4;
-  std::vector<std::unique_ptr<Rec>> recs;
-  for (int i = 0; i < kHeads; ++i) {
-    recs.push_back(std::make_unique<Rec>());
-    recs.back()->key = {10, uint8_t(i), 0, 0};
-    recs.back()->plen = 16;
-  }
-  struct Model {
+  struct Sim {
     qor_radix_tree *t;
+    std::mt19937 rng;
+    std::vector<std::unique_ptr<Rec>> recs;
     std::map<uint64_t, qor_radix_hdr *> list;
     uint64_t version = 0;
     uint64_t pos[kWalkers] = {};
     bool wrapped = false;
-    void drop(qor_radix_hdr *x) {
-      for (auto it = list.begin(); it != list.end(); ++it)
-        if (it->second == x) {
-          list.erase(it);
-          return;
-        }
-    }
+    // The walk under way: its walker, its effective ceiling, its budget and the heads it saw.
+    int w = 0;
+    uint64_t ceiling = 0;
+    uint32_t limit = 0, seen = 0;
+
+    qor_radix_hdr *any() { return &recs[rng() % recs.size()]->hdr; }
+    void drop(qor_radix_hdr *x) { std::erase_if(list, [x](const auto &e) { return e.second == x; }); }
     void append(qor_radix_hdr *x) {
       int want = 1;
       if (version >= t->rdx_maxVersion) {
@@ -183,70 +162,61 @@ TEST_P(ChangeListModel, WalkersSeeWhatTheModelPredicts) {
         qorRadicalRemoveFromChangeList(t, x);
       }
     }
-    uint64_t next(int w) const {
-      auto it = list.upper_bound(pos[w]);
+    uint64_t next(int walker) const {
+      auto it = list.upper_bound(pos[walker]);
       return it == list.end() ? 0 : it->first;
     }
-  } m{t, {}, 0, {}, false};
-
+    static int visit(qor_radix_hdr *x, void *a) {
+      Sim &m = *static_cast<Sim *>(a);
+      auto it = m.list.upper_bound(m.pos[m.w]);
+      EXPECT_TRUE(it != m.list.end() && it->second == x && it->first <= m.ceiling && m.seen < m.limit);
+      if (it == m.list.end() || it->second != x) return 99;
+      m.pos[m.w] = it->first;
+      ++m.seen;
+      qor_radix_hdr *other = m.any();
+      switch (m.rng() % 10) {
+        case 0: case 1: case 2: m.append(x); break;
+        case 3: case 4: m.remove(x); break;
+        case 5: m.append(other); break;
+        case 6: m.remove(other); break;
+        case 7: return 1;
+        default: break;
+      }
+      return 0;
+    }
+  } m{qorRadixCreate("m", 32, nullptr, nullptr, 0), std::mt19937(uint32_t(GetParam())), {}, {}};
+  qor_radix_tree *t = m.t;
+  t->rdx_maxVersion = GetParam();
+  for (int i = 0; i < kHeads; ++i) {
+    m.recs.push_back(std::make_unique<Rec>());
+    m.recs.back()->key = {10, uint8_t(i), 0, 0};
+    m.recs.back()->plen = 16;
+  }
   qor_radical_walker walkers[kWalkers] = {};
   for (auto &w : walkers) qorRadicalWalkConstructor(t, &w);
 
-  struct Ctx {
-    Model *m;
-    std::mt19937 *rng;
-    std::vector<std::unique_ptr<Rec>> *recs;
-    int w;
-    uint64_t ceiling;
-    uint32_t limit;
-    uint32_t seen;
-  };
-  auto cb = [](qor_radix_hdr *x, void *a) -> int {
-    auto *c = static_cast<Ctx *>(a);
-    Model &m = *c->m;
-    auto it = m.list.upper_bound(m.pos[c->w]);
-    EXPECT_TRUE(it != m.list.end() && it->second == x && it->first <= c->ceiling && c->seen < c->limit);
-    if (it == m.list.end() || it->second != x) return 99;
-    m.pos[c->w] = it->first;
-    ++c->seen;
-    qor_radix_hdr *other = &(*c->recs)[(*c->rng)() % c->recs->size()]->hdr;
-    switch ((*c->rng)() % 10) {
-      case 0: case 1: case 2: m.append(x); break;
-      case 3: case 4: m.remove(x); break;
-      case 5: m.append(other); break;
-      case 6: m.remove(other); break;
-      case 7: return 1;
-      default: break;
-    }
-    return 0;
-  };
-
   for (int op = 0; op < 4000; ++op) {
-    qor_radix_hdr *x = &recs[rng() % kHeads]->hdr;
-    switch (rng() % 6) {
+    qor_radix_hdr *x = m.any();
+    switch (m.rng() % 6) {
       case 0: case 1: ASSERT_NO_FATAL_FAILURE(m.append(x)); break;
       case 2: ASSERT_NO_FATAL_FAILURE(m.remove(x)); break;
-      case 3:
-        if (!qorRadixIsLinked(x)) {
-          ASSERT_EQ(qorRadixInsert(t, x, 16), x);
-        }
-        break;
+      case 3: ASSERT_EQ(qorRadixIsLinked(x) ? x : qorRadixInsert(t, x, 16), x); break;
       default: {
-        int w = int(rng() % kWalkers);
-        if (rng() % 20 == 0) {  // rebuilt: back to the start
+        const int w = int(m.rng() % kWalkers);
+        if (m.rng() % 20 == 0) {  // rebuilt: back to the start
           qorRadicalWalkConstructor(t, &walkers[w]);
           m.pos[w] = 0;
         }
         ASSERT_EQ(qorRadicalNextVersion(t, &walkers[w]), m.next(w));
-        uint32_t limit = rng() % 9;
-        uint64_t ceiling = rng() % 3 ? UINT64_MAX : m.version - std::min<uint64_t>(m.version, rng() % 4);
+        uint32_t limit = m.rng() % 9;
+        uint64_t ceiling = m.rng() % 3 ? UINT64_MAX : m.version - std::min<uint64_t>(m.version, m.rng() % 4);
         uint64_t eff = std::min(ceiling, m.version);
         uint64_t before = walkers[w].walker_version;
         m.wrapped = false;
-        Ctx ctx{&m, &rng, &recs, w, eff, limit, 0};
+        m.w = w, m.ceiling = eff, m.limit = limit, m.seen = 0;
         int stopped = -1;
-        int n = qorRadicalWalkChangeList(t, &walkers[w], cb, 0, limit, ceiling, nullptr, &stopped, &ctx);
-        ASSERT_EQ(n, int(ctx.seen));
+        int n = qorRadicalWalkChangeList(t, &walkers[w], Sim::visit, 0, limit, ceiling, nullptr, &stopped, &m);
+        ASSERT_EQ(n, int(m.seen));
         if (m.wrapped) {
           ASSERT_EQ(stopped, 1);
           ASSERT_EQ(walkers[w].walker_version, 0u);

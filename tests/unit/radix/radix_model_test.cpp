@@ -1,8 +1,6 @@
-// The radix tree against a reference model: a std::map ordered by (key, length), which is the
-// tree's order. Thousands of random inserts and removes on prefixes that nest and share long
-// stretches of bits, for both key widths, with and without the lookup accelerator, and with a
-// node allocator that fails; after each stretch every lookup is compared with the model and
-// the shape of the tree is checked node by node.
+// The radix tree against a reference model, a std::map in the tree's order (key, then length):
+// random inserts and removes of nesting prefixes, for both key widths, with and without the
+// accelerator and with a failing node allocator; lookups and the tree's shape checked as it goes.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -94,21 +92,18 @@ class ModelRun {
                                   : qorRadixInsert(tree_, &r->hdr, r->plen);
       if (it != model_.end()) {
         ASSERT_EQ(got, attach ? &it->second->hdr : nullptr) << "duplicate " << text(mk);
-        ASSERT_FALSE(qorRadixIsLinked(&r->hdr));
       } else if (!got) {
         ASSERT_GT(FailingAlloc::fails, failsBefore) << "insert failed without a failed allocation";
-        ASSERT_FALSE(qorRadixIsLinked(&r->hdr));
       } else {
         ASSERT_EQ(got, &r->hdr);
         model_[mk] = r.get();
         recs_.push_back(std::move(r));
       }
+      if (r) {
+        ASSERT_FALSE(qorRadixIsLinked(&r->hdr)) << "a record refused is left out of the tree";
+      }
     } else {
-      auto pick = [&] {
-        auto it = model_.begin();
-        std::advance(it, rng_() % model_.size());
-        return it;
-      };
+      auto pick = [&] { return std::next(model_.begin(), rng_() % model_.size()); };
       auto it = pick();
       for (int tries = rng_() % 3 == 0 ? 6 : 0; tries > 0; --tries) {  // favour short prefixes
         auto other = pick();
@@ -119,7 +114,6 @@ class ModelRun {
       model_.erase(it);
     }
     FailingAlloc::rng = nullptr;
-    maxHeads_ = std::max(maxHeads_, tree_->rdx_heads);
     accelSizes_.insert(qorRadixBytes(tree_) - sizeof(qor_radix_tree) - tree_->rdx_nodeBytes);
   }
 
@@ -208,8 +202,7 @@ class ModelRun {
     ASSERT_EQ(nodeWalkHeads_, want) << "the node walk (pre-order) meets the heads in tree order";
     // Heads in the tree: exact by their own (unmasked) key, and the next shorter match.
     for (int i = 0; i < probes && !model_.empty(); ++i) {
-      auto it = model_.begin();
-      std::advance(it, rng_() % model_.size());
+      auto it = std::next(model_.begin(), rng_() % model_.size());
       Rec *r = it->second;
       ASSERT_EQ(qorRadixGetExact(tree_, r->key.data(), r->plen), &r->hdr) << text(it->first);
       Rec *less = r->plen ? modelBest(r->key, r->plen - 1) : nullptr;
@@ -257,10 +250,8 @@ class ModelRun {
       ASSERT_EQ(qorRadixRemove(tree_, &model_.begin()->second->hdr), 0);
       model_.erase(model_.begin());
     }
-    EXPECT_EQ(tree_->rdx_root, nullptr);
-    EXPECT_EQ(tree_->rdx_nodes, 0u);
-    EXPECT_EQ(tree_->rdx_nodeBytes, 0u);
-    EXPECT_EQ(FailingAlloc::live, 0);
+    EXPECT_EQ(std::tuple(tree_->rdx_root, tree_->rdx_nodes, tree_->rdx_nodeBytes, FailingAlloc::live),
+              std::tuple(static_cast<qor_radix_node *>(nullptr), 0u, 0u, 0));
   }
 
   const Config cfg_;
@@ -271,8 +262,7 @@ class ModelRun {
   std::map<MKey, Rec *> model_;
   std::vector<std::unique_ptr<Rec>> recs_;
   std::vector<qor_radix_hdr *> nodeWalkHeads_;
-  std::set<size_t> accelSizes_;
-  uint64_t maxHeads_ = 0;  // sizes the accelerator took: none, built, grown, shrunk
+  std::set<size_t> accelSizes_;  // sizes the accelerator took: none, built, grown, shrunk
 };
 
 class RadixModel : public ::testing::TestWithParam<Config> {};
@@ -281,7 +271,7 @@ TEST_P(RadixModel, MatchesReferenceAfterRandomInsertsAndRemoves) {
   ModelRun run(GetParam());
   run.run(6000, 400);
   if (GetParam().accelMin > 1) {
-    EXPECT_GE(run.accelSizes_.size(), 3u) << "the accelerator was built, resized and dropped; max heads " << run.maxHeads_;
+    EXPECT_GE(run.accelSizes_.size(), 3u) << "the accelerator was built, resized and dropped";
   }
   if (GetParam().failPerMille) {
     EXPECT_GT(FailingAlloc::fails, 100) << "failures were injected";
@@ -336,10 +326,9 @@ TEST(RadixAlloc, FailedInsertLeavesTheTreeIntact) {
         EXPECT_EQ(got, nullptr);
         EXPECT_FALSE(qorRadixIsLinked(&b.hdr));
         EXPECT_EQ(t->rdx_nodes, nodes);
-        EXPECT_EQ(FailingAlloc::live, 0);
-        std::vector<qor_radix_hdr *> order;
-        for (qor_radix_hdr *h = qorRadixGetNext(t, nullptr); h; h = qorRadixGetNext(t, h)) order.push_back(h);
-        EXPECT_EQ(order.size(), recs.size());
+        size_t heads = 0;
+        for (qor_radix_hdr *h = qorRadixGetNext(t, nullptr); h; h = qorRadixGetNext(t, h)) ++heads;
+        EXPECT_EQ(heads, recs.size());
         EXPECT_GE(t->rdx_allocFails, 1u);
         FailingAlloc::failAfter = -1;
         EXPECT_EQ(qorRadixInsert(t, &b.hdr, row.add.second), &b.hdr);
