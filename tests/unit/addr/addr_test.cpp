@@ -36,6 +36,7 @@ TEST(Addr, PredicatesAndComparisonsAreByteWiseForBothFamilies) {
       {"128.0.0.0", "127.255.255.255", 0, 0, 1, 0, 0},  // unsigned bytes
       {"::", "::", 1, 0, 0, 0, 1},                   {"::1", "::2", 0, 0, 0, 1, 0},
       {"ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff", "::", 0, 1, 1, 0, 0},
+      {"ffff:ffff:ffff:ffff:ffff:ffff:ffff:fffe", "::", 0, 0, 1, 0, 0},  // every byte counts, the last too
       {"2001:db8::", "2001:db8::", 0, 0, 0, 0, 1},
       {"8000::", "7fff:ffff:ffff:ffff:ffff:ffff:ffff:ffff", 0, 0, 1, 0, 0},
       {"::1:0:0:0", "::ffff", 0, 0, 1, 0, 0},
