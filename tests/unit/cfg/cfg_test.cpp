@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <numeric>
 #include <random>
 #include <string>
 #include <tuple>
@@ -56,7 +57,7 @@ TEST_F(CfgTest, LinesComeBackOrderedByModeClassAndKeyWhateverTheInsertionOrder) 
       {7, 0x96, 1, "\x01", " redistribute static "},
   };
   std::vector<size_t> order(lines.size());
-  for (size_t i = 0; i < order.size(); ++i) order[i] = i;
+  std::iota(order.begin(), order.end(), size_t(0));
   std::mt19937 rng(7);
   for (int round = 0; round < 5; ++round) {
     qorCfgReset();
@@ -64,11 +65,10 @@ TEST_F(CfgTest, LinesComeBackOrderedByModeClassAndKeyWhateverTheInsertionOrder) 
     for (size_t i : order) insert(lines[i]);
     auto got = qorCfgLines(kKey);
     ASSERT_EQ(got.size(), lines.size());
-    for (size_t i = 0; i < lines.size(); ++i) {
-      EXPECT_EQ(got[i].text, lines[i].text) << i;
-      EXPECT_EQ(got[i].key, lines[i].key) << i;
-      EXPECT_EQ(got[i].context, lines[i].context) << i;
-    }
+    for (size_t i = 0; i < lines.size(); ++i)
+      EXPECT_EQ(std::tie(got[i].context, got[i].subContext, got[i].recClass, got[i].key, got[i].text),
+                std::tie(lines[i].context, lines[i].subContext, lines[i].recClass, lines[i].key, lines[i].text))
+          << i;
   }
   EXPECT_EQ(qorCfgLineCount(kKey + 1), 0u) << "stores are per handle";
 }
@@ -82,9 +82,8 @@ TEST_F(CfgTest, ALineStoredUnderAnExistingNameReplacesIt) {
   ASSERT_EQ(qorCfgInsert(kKey, &r), 0);
   EXPECT_EQ(qorCfgLineCount(kKey), 2u);
   EXPECT_EQ(qorCfgRemoveNode(kKey, &r), 0) << "the record names only its own mode's line";
-  auto got = qorCfgLines(kKey);
-  ASSERT_EQ(got.size(), 1u);
-  EXPECT_EQ(got[0].context, 5);
+  ASSERT_EQ(qorCfgLineCount(kKey), 1u);
+  EXPECT_EQ(qorCfgLines(kKey)[0].context, 5);
   ASSERT_EQ(qorCfgInsert(kKey, &r), 0);
   EXPECT_EQ(qorCfgRemoveExact(kKey, "\x01", 1, 1), 0) << "by class and key: every mode";
   EXPECT_EQ(qorCfgLineCount(kKey), 0u);

@@ -1,6 +1,5 @@
 // The FIB agent against rtmd's endpoint held by the test itself: the test sends sequenced
-// download messages as rtmd would, and reads the agent's acknowledgements back. What is
-// applied, what is acknowledged, and what a slow or stuck agent does.
+// download messages as rtmd would, and reads the agent's acknowledgements back.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -23,7 +22,7 @@ namespace {
 constexpr uint32_t kAgentSvce = 410, kAgentInst = 3;
 constexpr uint32_t kQueue = 0x4C0011;  // rtmd's name for its download queue to the agent
 
-// One command of a test download: "10.1.0.0/16" with next hops "192.0.2.1%5".
+// One command of a test download: "10.1.0.0/16" with next hops "192.0.2.1%5" (a delete has none).
 struct Cmd {
   uint32_t op;
   uint32_t vrf;
@@ -39,7 +38,7 @@ std::vector<uint8_t> download4(const std::vector<Cmd> &cmds) {
   uint32_t adds = 0, dels = 0;
   for (const Cmd &c : cmds) {
     size_t at = m.size();
-    m.resize(at + FIBCMD4_LEN + (c.op == FIB_OP_ADD ? FIBNH4_LEN * c.nh.size() : 0), 0);
+    m.resize(at + FIBCMD4_LEN + FIBNH4_LEN * c.nh.size(), 0);
     st32(m.data(), at, c.op);
     st32(m.data(), at + 8, c.vrf);
     EXPECT_TRUE(parseAddr(0, c.prefix, m.data() + at + 12));
@@ -48,7 +47,6 @@ std::vector<uint8_t> download4(const std::vector<Cmd> &cmds) {
     m[at + 24] = c.plen;
     m[at + 25] = static_cast<uint8_t>(c.nh.size());
     (c.op == FIB_OP_ADD ? adds : dels)++;
-    if (c.op != FIB_OP_ADD) continue;
     for (size_t i = 0; i < c.nh.size(); ++i) {
       uint8_t *r = m.data() + at + FIBCMD4_LEN + FIBNH4_LEN * i;
       EXPECT_TRUE(parseAddr(0, c.nh[i].first, r));
@@ -63,10 +61,14 @@ std::vector<uint8_t> download4(const std::vector<Cmd> &cmds) {
   return m;
 }
 
+// A download of one add of the /24 through 192.0.2.1%1.
+std::vector<uint8_t> add24(const std::string &prefix) {
+  return download4({{FIB_OP_ADD, 0, prefix.c_str(), 24, 7, 0, {{"192.0.2.1", 1}}}});
+}
+
 std::vector<uint8_t> begins(uint32_t vrf, uint8_t af) {
   std::vector<uint8_t> m(DNLD_CNTRL_MSG_LEN, 0);
   encodeDnldCntrl(0, af, RTM_CNTRL_DNLD_BEGINS, vrf, m.data(), m.size());
-  st32(m.data(), DNLD_CNTRL_OFF_CID, 0);
   return m;
 }
 
@@ -147,12 +149,11 @@ TEST_F(FibAgentTest, RepeatsAndGapsAreAcknowledgedButNotApplied) {
   ASSERT_EQ(a.open(), 0);
   std::vector<uint32_t> taken;
   a.setMessageHook([&](uint32_t, const uint8_t *m, size_t) { taken.push_back(ld32(m, SWP_OFF_SEQ)); });
-  auto add = [](const char *p) { return download4({{FIB_OP_ADD, 0, p, 24, 7, 0, {{"192.0.2.1", 1}}}}); };
-  send(a, add("10.0.1.0"), 1);
-  send(a, add("10.0.1.0"), 1);  // our ack was lost: again, and nothing twice
-  send(a, add("10.0.3.0"), 3);  // 2 was lost
-  send(a, add("10.0.2.0"), 2);
-  send(a, add("10.0.3.0"), 3);
+  send(a, add24("10.0.1.0"), 1);
+  send(a, add24("10.0.1.0"), 1);  // our ack was lost: again, and nothing twice
+  send(a, add24("10.0.3.0"), 3);  // 2 was lost
+  send(a, add24("10.0.2.0"), 2);
+  send(a, add24("10.0.3.0"), 3);
   send(a, download4({{FIB_OP_DEL, 0, "10.0.1.0", 24}}), 1, 0x4C0012);  // a second queue of rtmd's
   EXPECT_EQ(taken, (std::vector<uint32_t>{1, 2, 3, 1}));
   EXPECT_EQ(std::tuple(a.stats().repeats, a.stats().gaps, a.stats().adds), std::tuple(1u, 1u, 3u));
@@ -164,11 +165,7 @@ TEST_F(FibAgentTest, WhatArrivesTogetherIsAcknowledgedTogether) {
   FibAgent a(options());
   ASSERT_EQ(a.open(), 0);
   // As many as the kernel holds for a socket nobody reads (often 10).
-  for (uint32_t seq = 1; seq <= 9; ++seq) {
-    char p[16];
-    snprintf(p, sizeof p, "10.1.%u.0", seq);
-    post(download4({{FIB_OP_ADD, 0, p, 24, 7, 0, {{"192.0.2.1", 1}}}}), seq);
-  }
+  for (uint32_t seq = 1; seq <= 9; ++seq) post(add24("10.1." + std::to_string(seq) + ".0"), seq);
   post(download4({}), 7);  // a repeat behind them is answered at once
   ASSERT_EQ(a.poll(0), 10) << a.lastError();
   EXPECT_EQ(a.routeCount(), 9u);
@@ -178,7 +175,7 @@ TEST_F(FibAgentTest, WhatArrivesTogetherIsAcknowledgedTogether) {
 TEST_F(FibAgentTest, AMalformedMessageIsAcknowledgedCountedAndLeavesTheTableAlone) {
   FibAgent a(options());
   ASSERT_EQ(a.open(), 0);
-  send(a, download4({{FIB_OP_ADD, 0, "10.0.1.0", 24, 7, 0, {{"192.0.2.1", 1}}}}), 1);
+  send(a, add24("10.0.1.0"), 1);
   std::vector<uint8_t> bad = download4({{FIB_OP_DEL, 0, "10.0.1.0", 24}, {FIB_OP_ADD, 0, "10.0.2.0", 24, 7, 0, {{"192.0.2.1", 1}}}});
   st32(bad.data(), FIBUPD_OFF_ADDS, 2);  // counts one add that is not there
   send(a, bad, 2);
@@ -187,7 +184,7 @@ TEST_F(FibAgentTest, AMalformedMessageIsAcknowledgedCountedAndLeavesTheTableAlon
   st32(nh.data(), IPC_OFF_MTYPE, MT_RTM_FIB_NH);
   st32(nh.data(), RTM_FIBNH_OFF_COUNT, 1);  // one record promised, none there
   send(a, nh, 3);
-  send(a, download4({{FIB_OP_ADD, 0, "10.0.3.0", 24, 7, 0, {{"192.0.2.1", 1}}}}), 4);
+  send(a, add24("10.0.3.0"), 4);
   EXPECT_EQ(a.stats().malformed, 2u);
   EXPECT_EQ(a.lastMalformed(), "0x322a: header counts disagree with the commands");
   EXPECT_EQ(a.dump(),
@@ -201,11 +198,7 @@ TEST_F(FibAgentTest, AnAgentToldToStopAcknowledgingTakesNothingMore) {
   o.noAckAfter = 2;
   FibAgent a(o);
   ASSERT_EQ(a.open(), 0);
-  for (uint32_t seq = 1; seq <= 4; ++seq) {
-    char p[16];
-    snprintf(p, sizeof p, "10.0.%u.0", seq);
-    send(a, download4({{FIB_OP_ADD, 0, p, 24, 7, 0, {{"192.0.2.1", 1}}}}), seq);
-  }
+  for (uint32_t seq = 1; seq <= 4; ++seq) send(a, add24("10.0." + std::to_string(seq) + ".0"), seq);
   EXPECT_TRUE(a.withholding());
   EXPECT_EQ(a.routeCount(), 2u);
   EXPECT_EQ(a.stats().withheld, 2u);

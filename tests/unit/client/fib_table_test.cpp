@@ -43,8 +43,6 @@ FibRoute route(uint32_t v) {
   return r;
 }
 
-std::string text(const FibPrefix &p, const FibRoute &r) { return formatFibRoute(p, r); }
-
 TEST(FibTable, MatchesAMapThroughRandomPutsAndErases) {
   // A reserve large enough for the arrays to be allocated apart (huge pages), before the
   // first route or with routes in place, must leave the table as it was.
@@ -83,7 +81,7 @@ TEST(FibTable, MatchesAMapThroughRandomPutsAndErases) {
         auto it = model.find(i);
         ASSERT_EQ(t.get(prefix(i), &got), it != model.end()) << i;
         if (it != model.end()) {
-          ASSERT_EQ(text(prefix(i), got), text(prefix(i), route(it->second))) << i;
+          ASSERT_EQ(formatFibRoute(prefix(i), got), formatFibRoute(prefix(i), route(it->second))) << i;
         }
       }
     }

@@ -236,11 +236,11 @@ TEST(RouteMsg, ElementSizes) {
     unsigned af, nnh, tlvlen;
     size_t want;
   };
+  // One next hop of each family and the fixed part above 3 are pinned where the sizes are made.
   const Case cases[] = {
-      {0, 1, 0, 80},    {1, 2, 5, 105},    {2, 1, 0, 112},  {3, 2, 1, 141},
-      {0, 64, 0, 1340}, {2, 64, 0, 1876},  {0, 0, 0, 60},   {2, 0, 0, 84},
+      {1, 2, 5, 105},   {3, 2, 1, 141},   {0, 64, 0, 1340}, {2, 64, 0, 1876}, {0, 0, 0, 60}, {2, 0, 0, 84},
       // Above 3: IPv4 next hops behind a 596-byte fixed part.
-      {4, 0, 0, 596},   {4, 1, 0, 616},    {255, 2, 3, 639},
+      {4, 1, 0, 616},   {255, 2, 3, 639},
   };
   for (const Case &c : cases)
     EXPECT_EQ(c.want, rtmRouteElemSize(c.af, c.nnh, c.tlvlen)) << c.af << "/" << c.nnh << "/" << c.tlvlen;
