@@ -150,9 +150,8 @@ TEST(FibMsgs, BentRouteDownloadsAreRefusedWhole) {
 }
 
 TEST(FibMsgs, EveryCutOfARouteDownloadIsRefused) {
-  // Cut after every byte, each time into a buffer of exactly that size (so a read past it is
-  // caught by the sanitizer build), once with the header still claiming the whole message and
-  // once with mlen brought down to the cut.
+  // Cut after every byte into a buffer of exactly that size (a read past it trips the sanitizer),
+  // with mlen still claiming the whole message and with mlen brought down to the cut.
   for (const char *golden : {kV4, kV6}) {
     const std::vector<uint8_t> full = hex(golden);
     for (size_t cut = 0; cut < full.size(); ++cut) {

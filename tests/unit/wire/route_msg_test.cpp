@@ -1,6 +1,5 @@
 // Route-update messages on the wire: golden bytes, iteration, and refusal of truncated or
-// inflated messages without reading past the received bytes (the buffers below are exactly
-// as long as the message, so a sanitizer build catches any over-read).
+// inflated messages without reading past the received bytes.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -90,9 +89,8 @@ Walk walk(const uint8_t *msg, size_t len) {
   return w;
 }
 
-// The client codec fixes field by field what each offset means against its own golden bytes;
-// here every field of these messages must survive the daemon's iterator and the accessors
-// both ways, two elements in one message included.
+// The client codec's own goldens pin each field's offset; here every field of these messages
+// must survive the daemon's iterator and the accessors both ways, two elements in one message.
 TEST(RouteMsg, IteratesGoldenBytesAndEveryElementEncodesBackToThem) {
   for (const Golden &g : kGolden) {
     SCOPED_TRACE(g.name);
@@ -236,7 +234,6 @@ TEST(RouteMsg, ElementSizes) {
     unsigned af, nnh, tlvlen;
     size_t want;
   };
-  // One next hop of each family and the fixed part above 3 are pinned where the sizes are made.
   const Case cases[] = {
       {1, 2, 5, 105},   {3, 2, 1, 141},   {0, 64, 0, 1340}, {2, 64, 0, 1876}, {0, 0, 0, 60}, {2, 0, 0, 84},
       // Above 3: IPv4 next hops behind a 596-byte fixed part.
