@@ -570,7 +570,10 @@ class FibAgent {
   int startDownload(uint32_t vrfId);
   int stopDownload(uint32_t vrfId);
   // Takes what arrived, waiting up to timeoutMs for the first message, and runs the SWP
-  // timers. The number of messages handled, or -1.
+  // timers. The number of messages handled, or -1. While messages are being taken, an ack
+  // that rtmd's full socket turns back is kept rather than waited on (open() turns
+  // qorSwpAckNoWait on for the process); what is kept goes out, waiting for room if it must,
+  // before poll returns.
   int poll(int timeoutMs);
   // Waits until rtmd acknowledged our control messages. 0 or -1.
   int waitIdle(int timeoutMs);

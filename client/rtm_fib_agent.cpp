@@ -94,6 +94,11 @@ int FibAgent::open() {
     return fail("cannot open endpoint " + std::to_string(opts_.svce) + "." + std::to_string(opts_.inst) + " in " +
                 qorIpcGetRunDir() + ": " + (e == EADDRINUSE ? "another process holds it" : strerror(e)));
   }
+  // rtmd's socket is often full while a protocol floods it; an agent that waited there for
+  // room for each ack would stop taking routes meanwhile, and rtmd's downloads to it would be
+  // turned back in turn. Its acks are kept instead and go out with the next one, or once
+  // everything that arrived has been taken (poll).
+  qorSwpAckNoWait(true);
   return 0;
 }
 
@@ -202,6 +207,8 @@ int FibAgent::poll(int timeoutMs) {
   }
   flushAcks();
   qorSwpRunTimers();
+  // Nothing more to take: now an ack may wait for room, or rtmd could wait on it.
+  if (qorSwpAcksTurnedBack()) qorSwpAckFlushWaiting();
   return handled;
 }
 

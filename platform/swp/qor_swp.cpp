@@ -99,7 +99,11 @@ struct State {
     uint8_t ack[QOR_SWP_ACK_LEN];
   };
   bool holdAcks = false;
+  bool ackNoWait = false;
   std::vector<HeldAck> held;
+  // Acks a full peer turned back, the latest per sender queue: tried again ahead of that
+  // queue's next ack, at every flush and at every timer round until the peer has room.
+  std::vector<HeldAck> turnedBack;
   // The helper thread that marks pipes readable.
   std::thread ticker;
   bool stop = false;
@@ -216,7 +220,7 @@ void tickerLoop() {
     s.cv.wait_for(lk, std::chrono::milliseconds(10));
     if (s.stop) break;
     uint64_t now = qorTickGet();
-    bool work = false;
+    bool work = !s.turnedBack.empty();
     for (auto &[h, q] : s.queues)
       if (q->pipe >= 0 && needsWork(*q, now)) {
         work = true;
@@ -275,42 +279,74 @@ AckPlan judge(uint32_t seq, uint32_t &expected) {
   return {QOR_SWP_SEQ_GAP, expected - 1, QOR_SWP_ACK_GAP};
 }
 
-void transmitAck(const uint8_t *ack, int reqQ) {
-  QorSwpAckFilter filter;
-  {
-    std::lock_guard<std::mutex> lk(st().mu);
-    filter = st().ackFilter;
-  }
-  if (filter && !filter(ack, QOR_SWP_ACK_LEN)) return;
-  // A lost ack is repaired by the next one or by the sender's retransmission.
-  qorIpcSend(reqQ, ack, QOR_SWP_ACK_LEN);
-}
-
 // The same sender queue: its endpoint and its handle.
 bool sameSender(const uint8_t *a, const uint8_t *b) {
   return ld32(a, IPC_OFF_TGT_CARD) == ld32(b, IPC_OFF_TGT_CARD) &&
          ld32(a, IPC_OFF_TGT_SVCE) == ld32(b, IPC_OFF_TGT_SVCE) && ld32(a, SWP_OFF_QUEUE) == ld32(b, SWP_OFF_QUEUE);
 }
 
-// Takes the held ack of ack's sender queue (all of them for null) out of the table.
-std::vector<State::HeldAck> takeHeld(const uint8_t *ack) {
-  std::vector<State::HeldAck> out;
+// Keeps an ack the peer's full socket turned back in place of any older one of its queue:
+// acks are cumulative, so the latest says all the others did.
+void keepTurnedBack(const uint8_t *ack, int reqQ) {
   std::lock_guard<std::mutex> lk(st().mu);
-  auto &held = st().held;
-  for (size_t i = 0; i < held.size();) {
-    if (!ack || sameSender(held[i].ack, ack)) {
-      out.push_back(held[i]);
-      held[i] = held.back();
-      held.pop_back();
+  auto &tb = st().turnedBack;
+  auto it = std::find_if(tb.begin(), tb.end(), [&](const State::HeldAck &h) { return sameSender(h.ack, ack); });
+  try {
+    if (it == tb.end()) it = tb.insert(tb.end(), State::HeldAck{reqQ, 0, {}});
+  } catch (...) {
+    return;  // no room: lost, and repaired as any lost ack is
+  }
+  // A retry racing a newer ack of the same queue must not put the older one back.
+  const bool fresh = it->count++ == 0;
+  if (!fresh && int32_t(ld32(ack, SWP_OFF_SEQ) - ld32(it->ack, SWP_OFF_SEQ)) < 0) return;
+  it->reqQ = reqQ;
+  std::memcpy(it->ack, ack, QOR_SWP_ACK_LEN);
+}
+
+enum class AckWait { kAsSet, kAlways };
+
+void transmitAck(const uint8_t *ack, int reqQ, AckWait how = AckWait::kAsSet) {
+  QorSwpAckFilter filter;
+  bool noWait;
+  {
+    std::lock_guard<std::mutex> lk(st().mu);
+    filter = st().ackFilter;
+    noWait = st().ackNoWait && how == AckWait::kAsSet;
+  }
+  if (filter && !filter(ack, QOR_SWP_ACK_LEN)) return;
+  // A lost ack (the peer is gone, or stayed full for the whole send wait) is repaired by the
+  // next one or by the sender's retransmission.
+  if (!noWait)
+    qorIpcSend(reqQ, ack, QOR_SWP_ACK_LEN);
+  else if (qorIpcSendNoWait(reqQ, ack, QOR_SWP_ACK_LEN) != 0 && errno == EAGAIN)
+    keepTurnedBack(ack, reqQ);
+}
+
+// Moves the acks of `from` for ack's sender queue (all of them for null) to the end of out.
+void takeFrom(std::vector<State::HeldAck> &from, const uint8_t *ack, std::vector<State::HeldAck> &out) {
+  for (size_t i = 0; i < from.size();) {
+    if (!ack || sameSender(from[i].ack, ack)) {
+      out.push_back(from[i]);
+      from[i] = from.back();
+      from.pop_back();
     } else {
       ++i;
     }
   }
+}
+
+// Takes what is kept for ack's sender queue (for every queue with null), the turned-back acks
+// ahead of the held ones, which are later.
+std::vector<State::HeldAck> takeHeld(const uint8_t *ack) {
+  std::vector<State::HeldAck> out;
+  std::lock_guard<std::mutex> lk(st().mu);
+  takeFrom(st().turnedBack, ack, out);
+  takeFrom(st().held, ack, out);
   return out;
 }
 
-void sendHeld(const uint8_t *ack) {
-  for (const State::HeldAck &h : takeHeld(ack)) transmitAck(h.ack, h.reqQ);
+void sendHeld(const uint8_t *ack, AckWait how = AckWait::kAsSet) {
+  for (const State::HeldAck &h : takeHeld(ack)) transmitAck(h.ack, h.reqQ, how);
 }
 
 // Keeps an in-order ack in place of its queue's last; false when holding is off. An ack whose
@@ -697,6 +733,12 @@ void qorSwpRunTimers() {
     for (auto &[h, q] : s.queues) runQueueTimers(*q, now, d);
   }
   d.run();
+  // Acks a full peer turned back; held ones stay held (they go out with their burst's end).
+  for (const State::HeldAck &h : [] {
+         std::lock_guard<std::mutex> lk(st().mu);
+         return std::exchange(st().turnedBack, {});
+       }())
+    transmitAck(h.ack, h.reqQ);
 }
 
 void qorSwpAckHold(bool on) {
@@ -708,6 +750,21 @@ void qorSwpAckHold(bool on) {
 }
 
 void qorSwpAckFlush() { sendHeld(nullptr); }
+
+void qorSwpAckFlushWaiting() { sendHeld(nullptr, AckWait::kAlways); }
+
+size_t qorSwpAcksTurnedBack() {
+  std::lock_guard<std::mutex> lk(st().mu);
+  return st().turnedBack.size();
+}
+
+void qorSwpAckNoWait(bool on) {
+  {
+    std::lock_guard<std::mutex> lk(st().mu);
+    st().ackNoWait = on;
+  }
+  if (!on) sendHeld(nullptr);  // what is kept goes now, waiting as acks do from here on
+}
 
 void qorSwpSetAckFilter(QorSwpAckFilter filter) {
   std::lock_guard<std::mutex> lk(st().mu);
@@ -730,7 +787,9 @@ void qorSwpReset() {
     s.pipes.clear();
     s.ackFilter = nullptr;
     s.holdAcks = false;
+    s.ackNoWait = false;
     s.held.clear();
+    s.turnedBack.clear();
   }
   d.run();
 }

@@ -139,6 +139,7 @@ uint32_t qorSwpGetSeqNo(const void *msg);
 // ack (QOR_SWP_SEQ_REPEAT). Above it: the ack names expected - 1 as a duplicate marked GAP,
 // which makes the sender retransmit at once instead of after its time-out (QOR_SWP_SEQ_GAP).
 // The ack's word at 68 is the message's word at offset 12. -1 for mlen < 68.
+// How an ack meets a sender whose socket is full: see qorSwpAckNoWait.
 int qorSwpCkSeqAndAck(const void *msg, uint32_t *expected, int reqQ);
 
 // Held acknowledgements. A receiver that reads a burst of messages from one sender need not
@@ -151,6 +152,19 @@ int qorSwpCkSeqAndAck(const void *msg, uint32_t *expected, int reqQ);
 constexpr unsigned QOR_SWP_ACK_HOLD_MAX = 8;
 void qorSwpAckHold(bool on);
 void qorSwpAckFlush();
+
+// Acks that never wait. By default an ack to a sender whose socket is full waits for room as
+// any send does (up to the IPC send wait), which suits a client whose only sender is a daemon
+// that reads promptly. A daemon serving many senders turns this on so that one sender that
+// stops reading cannot stall it: an ack turned back is kept, the latest per sender queue, and
+// tried again ahead of that queue's next ack, at qorSwpAckFlush and at every timer round
+// (qorSwpRunTimers; the SWP pipe is made readable every 10 ms while one is kept).
+void qorSwpAckNoWait(bool on);
+// Acks kept because their sender's socket was full.
+size_t qorSwpAcksTurnedBack();
+// As qorSwpAckFlush, but waiting for room as a plain send does: for a client that has taken
+// all that arrived and has nothing better to do than let its sender go on.
+void qorSwpAckFlushWaiting();
 
 // An expected-sequence list: one expected sequence per sender queue handle, for a peer that
 // sends on several queues. A handle seen for the first time takes a free slot starting at

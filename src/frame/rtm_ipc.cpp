@@ -94,6 +94,8 @@ int rtmIpcInit(int32_t) {
   qorIpcSetRecvBufferLimit(rtmReqQfd, kReqRecvLimit);
   warnOfShallowQueues();
   rtm_swp_pipe = qorSwpCreatePipe("/qor/pipe/rtmpipe");
+  // One client that stops reading must not stall the main task on its acks.
+  qorSwpAckNoWait(true);
   int32_t err = 0;
   rtmrouteinfo[0] = 0;
   rtmrouteinfo[1] = static_cast<uint32_t>(qor_tmeGetPeerIpAddrByName(RTM_SVCE, 0, &err));

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <map>
 #include <vector>
@@ -249,6 +250,62 @@ TEST_F(SwpTest, HeldAcksGoOutLatestPerQueueAndAheadOfAnyOtherAck) {
     for (auto &a : inbox(senderQ))
       got.emplace_back(ld32(a.data(), SWP_OFF_QUEUE), ld32(a.data(), SWP_OFF_SEQ), ld32(a.data(), SWP_OFF_ACK_KIND));
     EXPECT_EQ(got, s.out);
+  }
+}
+
+// A daemon acking a sender whose socket is full (it is not reading) must neither stall nor
+// lose the acks: the latest ack per queue is kept and goes out at the first chance once there
+// is room, as the sender would otherwise wait for its time-out. Here the receiver acks four
+// messages of two queues into a full socket, the sender reads, and one of the ways out is taken.
+TEST_F(SwpTest, AcksAFullSenderTurnsBackAreKeptLatestPerQueueAndSentOnceThereIsRoom) {
+  using Ack = std::pair<uint32_t, uint32_t>;  // queue, sequence
+  enum Way { kTimerRound, kFlush, kNextAck, kNoRoomYet };
+  const struct {
+    Way way;
+    std::vector<Ack> out;  // sorted; one queue's acks leave in order
+  } cases[] = {
+      {kTimerRound, {{1, 3}, {2, 1}}},
+      {kFlush, {{1, 3}, {2, 1}}},
+      {kNextAck, {{1, 3}, {1, 4}}},  // only its own queue's: queue 2's waits for its chance
+      {kNoRoomYet, {}},              // turned back again, and still kept
+  };
+  auto acksAtSender = [this] {
+    std::vector<Ack> got;
+    for (auto &a : inbox(senderQ))
+      if (ld32(a.data(), IPC_OFF_MTYPE) == MT_SWP_ACK) got.emplace_back(ld32(a.data(), SWP_OFF_QUEUE), ld32(a.data(), SWP_OFF_SEQ));
+    std::stable_sort(got.begin(), got.end(), [](const Ack &a, const Ack &b) { return a.first < b.first; });
+    return got;
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(testing::Message() << "way " << c.way);
+    qorSwpAckNoWait(true);
+    const int filler = Key_getReqQueue(qorIpcOpen(kPeerSvce + 1 + c.way, 0));
+    auto junk = ipctest::makeMsg(IPC_HDR_LEN, 0x3204, kSenderSvce, 0);
+    int stuffed = 0;
+    while (qorIpcSendNoWait(filler, junk.data(), IPC_HDR_LEN) == 0) ++stuffed;
+    ASSERT_GT(stuffed, 0);
+    auto msg = ipctest::makeMsg(80, 0, kPeerSvce, 0, 0);
+    ipctest::setSource(msg, sender);
+    uint32_t expected[3] = {0, 0, 0};
+    auto receive = [&](uint32_t queue, uint32_t seq) {
+      st32(msg.data(), SWP_OFF_QUEUE, queue);
+      st32(msg.data(), SWP_OFF_SEQ, seq);
+      ASSERT_EQ(qorSwpCkSeqAndAck(msg.data(), &expected[queue], peerQ), QOR_SWP_SEQ_OK);
+    };
+    for (auto [queue, seq] : {Ack{1, 1}, {1, 2}, {2, 1}, {1, 3}}) receive(queue, seq);
+    if (c.way != kNoRoomYet) {
+      ASSERT_EQ(inbox(senderQ).size(), size_t(stuffed));  // no ack among them
+    }
+    if (c.way == kTimerRound) qorSwpRunTimers();
+    if (c.way == kFlush || c.way == kNoRoomYet) qorSwpAckFlush();
+    if (c.way == kNextAck) receive(1, 4);
+    EXPECT_EQ(acksAtSender(), c.out);
+    if (c.way == kNoRoomYet) {
+      qorSwpRunTimers();
+      EXPECT_EQ(acksAtSender(), (std::vector<Ack>{{1, 3}, {2, 1}}));
+    }
+    qorSwpReset();
+    inbox(senderQ);
   }
 }
 
