@@ -291,14 +291,16 @@ void keepTurnedBack(const uint8_t *ack, int reqQ) {
   std::lock_guard<std::mutex> lk(st().mu);
   auto &tb = st().turnedBack;
   auto it = std::find_if(tb.begin(), tb.end(), [&](const State::HeldAck &h) { return sameSender(h.ack, ack); });
-  try {
-    if (it == tb.end()) it = tb.insert(tb.end(), State::HeldAck{reqQ, 0, {}});
-  } catch (...) {
-    return;  // no room: lost, and repaired as any lost ack is
+  if (it != tb.end()) {
+    // A retry racing a newer ack of the same queue must not put the older one back.
+    if (int32_t(ld32(ack, SWP_OFF_SEQ) - ld32(it->ack, SWP_OFF_SEQ)) < 0) return;
+  } else {
+    try {
+      it = tb.insert(tb.end(), State::HeldAck{reqQ, 0, {}});
+    } catch (...) {
+      return;  // no room: lost, and repaired as any lost ack is
+    }
   }
-  // A retry racing a newer ack of the same queue must not put the older one back.
-  const bool fresh = it->count++ == 0;
-  if (!fresh && int32_t(ld32(ack, SWP_OFF_SEQ) - ld32(it->ack, SWP_OFF_SEQ)) < 0) return;
   it->reqQ = reqQ;
   std::memcpy(it->ack, ack, QOR_SWP_ACK_LEN);
 }
