@@ -595,6 +595,8 @@ class FibAgent {
   bool find(const FibPrefix &p, FibRoute *out) const;
   // Every route, in no particular order.
   void forEachRoute(const std::function<void(const FibPrefix &, const FibRoute &)> &fn) const;
+  // Every route in FibPrefix order (a writer of a large table streams it from here).
+  void forEachRouteSorted(const std::function<void(const FibPrefix &, const FibRoute &)> &fn) const;
   // Makes room for this many routes at once (an agent that knows the table's size).
   void reserve(size_t routes);
   // Every route as formatFibRoute lines in FibPrefix order, each ending in a newline.

@@ -372,13 +372,13 @@ void FibAgent::forEachRoute(const std::function<void(const FibPrefix &, const Fi
   table_->forEach(fn);
 }
 
+void FibAgent::forEachRouteSorted(const std::function<void(const FibPrefix &, const FibRoute &)> &fn) const {
+  table_->forEachSorted(fn);
+}
+
 std::string FibAgent::dump() const {
-  std::vector<std::pair<FibPrefix, std::string>> rows;
-  rows.reserve(table_->size());
-  table_->forEach([&](const FibPrefix &p, const FibRoute &r) { rows.emplace_back(p, formatFibRoute(p, r)); });
-  std::sort(rows.begin(), rows.end(), [](const auto &a, const auto &b) { return a.first < b.first; });
   std::string out;
-  for (const auto &row : rows) out += row.second + "\n";
+  table_->forEachSorted([&](const FibPrefix &p, const FibRoute &r) { out.append(formatFibRoute(p, r)).append("\n"); });
   return out;
 }
 

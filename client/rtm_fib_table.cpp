@@ -2,6 +2,7 @@
 
 #include <sys/mman.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -208,6 +209,21 @@ void FibTable::forEach(const std::function<void(const FibPrefix &, const FibRout
   for (size_t i = 0; i < keys_.size(); ++i) {
     toRoute(vals_[i], &r);
     fn(keys_[i], r);
+  }
+}
+
+void FibTable::forEachSorted(const std::function<void(const FibPrefix &, const FibRoute &)> &fn) const {
+  // Keys are sorted beside their positions, so that each route is then read straight from its
+  // entry instead of being looked up again through the index.
+  std::vector<std::pair<FibPrefix, uint32_t>> order;
+  order.reserve(keys_.size());
+  for (size_t i = 0; i < keys_.size(); ++i) order.emplace_back(keys_[i], static_cast<uint32_t>(i));
+  std::sort(order.begin(), order.end(), [](const auto &a, const auto &b) { return a.first < b.first; });
+  FibRoute r;
+  for (size_t i = 0; i < order.size(); ++i) {
+    if (i + 8 < order.size()) __builtin_prefetch(&vals_[order[i + 8].second]);
+    toRoute(vals_[order[i].second], &r);
+    fn(order[i].first, r);
   }
 }
 

@@ -64,6 +64,8 @@ class FibTable {
   // Removes every route the predicate holds for.
   void eraseIf(const std::function<bool(const FibPrefix &)> &pred);
   void forEach(const std::function<void(const FibPrefix &, const FibRoute &)> &fn) const;
+  // The same in prefix order.
+  void forEachSorted(const std::function<void(const FibPrefix &, const FibRoute &)> &fn) const;
   void reserve(size_t n);
 
   static uint32_t hashOf(const FibPrefix &p);
